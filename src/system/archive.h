@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "base/velkctl-error.h"
+
+/** The last bytes of a signed package: its magic number, big-endian. */
+inline constexpr uint64_t PACKAGE_MAGIC = 0x658D14AB4207AAC6;
+
+/** Whether the file ends in PACKAGE_MAGIC; what cannot be read does not. */
+[[nodiscard]] bool has_package_magic(const std::string& path);
+
+/**
+ * The contents of one member of a package, or of one file of an unpacked application when `archive` is a
+ * directory. A member stored with "./" before its name is found too.
+ *
+ * @param error  code 1 "Invalid application package" when tar cannot give the member, or when it is larger
+ * than any control file can be (16 MiB); code 10 "Failed spawning a child process: %s"
+ */
+[[nodiscard]] std::optional<std::string> read_tar_member(const std::string& archive,
+                                                         const std::string& member, VelkctlError** error);
+
+/**
+ * The number of bytes that a gzip file unpacks to; the plain size of a file that is not compressed.
+ *
+ * @param error  code 10 "Failed to open gzip archive: %s" with the system's text, or "Failed to read gzip
+ * archive %s: %s"; the result is then 0
+ */
+[[nodiscard]] uint64_t uncompressed_size(const std::string& path, VelkctlError** error);

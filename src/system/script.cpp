@@ -1,0 +1,177 @@
+#include "system/script.h"
+
+#include <dirent.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cstdlib>
+
+#include "base/handles.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "system/file.h"
+#include "system/subprocess.h"
+#include "system/user-database.h"
+
+std::vector<int32_t> split_string_and_decode_pids(const char* space_separated_pids) {
+    assert(space_separated_pids);
+    std::vector<int32_t> pids;
+    const char* next = space_separated_pids;
+    while (true) {
+        char* end = nullptr;
+        const long pid = std::strtol(next, &end, 10);
+        if (pid != 0 && pid >= INT32_MIN && pid <= INT32_MAX)
+            pids.push_back(static_cast<int32_t>(pid));
+        if (*end == '\0')
+            break;
+        next = end + 1;
+    }
+    pids.push_back(0);
+    return pids;
+}
+
+std::vector<int32_t> get_child_pids(pid_t pid) {
+    const std::string tasks = std::string(paths::kProcesses) + "/" + std::to_string(pid) + "/task";
+    const DirectoryPtr directory(opendir(tasks.c_str()));
+    std::string text;
+    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+        ErrorSlot unreadable;
+        text += ' ';
+        text += read_file(tasks + "/" + entry->d_name + "/children", unreadable).value_or("");
+    }
+    return split_string_and_decode_pids(text.c_str());
+}
+
+void kill_process_tree(pid_t pid) {
+    for (const int32_t child : get_child_pids(pid))
+        if (child > 0)  // a negative id would name a process group
+            kill_process_tree(child);
+    log_info("Sending signal %d to process %jd", SIGKILL, static_cast<intmax_t>(pid));
+    kill(pid, SIGKILL);
+}
+
+static bool become_user(const UserEntry& user) {
+    // The groups go first: once the user id is dropped, the group calls are no longer permitted.
+    if (initgroups(user.name.c_str(), user.primary_gid) != 0) {
+        log_warning("Failed to initialize groups for user %s: %s", user.name.c_str(),
+                    system_error_text().c_str());
+        return false;
+    }
+    if (setresgid(user.primary_gid, user.primary_gid, user.primary_gid) != 0) {
+        log_warning("Failed to set group id: %s", system_error_text().c_str());
+        return false;
+    }
+    if (setresuid(user.uid, user.uid, user.uid) != 0) {
+        log_warning("Failed to set user id: %s", system_error_text().c_str());
+        return false;
+    }
+    return true;
+}
+
+/** What the child does between fork and its end; returns its exit status. */
+static int run_in_child(const std::string& path, const std::string& directory, const std::string& user_name,
+                        bool exec_directly) {
+    ErrorSlot error;
+    const std::optional<UserEntry> user = find_user(user_name, error);
+    if (!user) {
+        warn_and_clear_error(error, nullptr);
+        return EX_OSERR;
+    }
+    if (!become_user(*user))
+        return EX_OSERR;
+    if (change_dir(directory, error)) {
+        if (exec_directly) {
+            exec_file(path, error);
+        } else {
+            const int status = run_command(nullptr, "'%s'", {path.c_str()});
+            return status == -1 ? EX_OSERR : status;
+        }
+    }
+    log_error(error.get());
+    return EX_OSERR;
+}
+
+static int64_t elapsed_ms(const timespec& start) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t elapsed_ns = (now.tv_sec - start.tv_sec) * 1'000'000'000 + (now.tv_nsec - start.tv_nsec);
+    return elapsed_ns / 1'000'000;
+}
+
+/** Wait for the child, killing it and its descendants when it takes too long. */
+static bool await_child(pid_t pid, const std::string& script, int32_t timeout_s, int* status,
+                        VelkctlError** error) {
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);  // a step of the wall clock must not end a script
+    while (true) {
+        const pid_t ended = waitpid(pid, status, WNOHANG);
+        if (ended == pid)
+            return true;
+        if (ended == -1) {
+            SET_GENERAL_ERROR(error, "Error waiting for child %s: %s", script.c_str(),
+                              system_error_text().c_str());
+            return false;
+        }
+        if (elapsed_ms(start) > static_cast<int64_t>(timeout_s) * 1000) {
+            kill_process_tree(pid);
+            velkctl_error_set(error, VELKCTL_ERROR_TIMEOUT,
+                              "Execution of %s took more than %d s so the process was forcefully killed.",
+                              script.c_str(), timeout_s);
+            return false;
+        }
+        usleep(100'000);
+    }
+}
+
+static bool judge_exit(int status, const std::string& script, const std::string& path,
+                       const ScriptRunOptions& options, VelkctlError** error) {
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : EX_OSERR;
+    if (code == EX_OSERR) {
+        SET_GENERAL_ERROR(error, "Failed running %s", script.c_str());
+        return false;
+    }
+    if (code == EX_CONFIG && options.abort_on_ex_config) {
+        velkctl_error_set(error, VELKCTL_ERROR_INSTALL_ABORTED, "%s",
+                          "Fail installation, clear this error and exit successfully.");
+        return false;
+    }
+    if (code != 0 && (options.fail_on_nonzero || (code == EX_NOPERM && options.fail_on_ex_noperm))) {
+        SET_GENERAL_ERROR(error, "Script %s failed with exit code: %d", path.c_str(), code);
+        return false;
+    }
+    if (code != 0)
+        log_warning("Script %s returned non-zero exit code: %d", path.c_str(), code);
+    return true;
+}
+
+bool run_script_as_user(const std::string& script, const std::string& directory, const std::string& user,
+                        ScriptRunOptions options, VelkctlError** error) {
+    const std::string path = directory + "/" + script;
+    ErrorSlot existence;
+    if (!path_exists(path, existence)) {
+        velkctl_error_set(error, VELKCTL_ERROR_GENERAL,
+                          "The manifest lists an install script, '%s', but the file is missing.",
+                          script.c_str());
+        return false;
+    }
+    if (!check_permissions(path, S_IRUSR | S_IXUSR, false, error))
+        return false;
+    const pid_t pid = fork();
+    if (pid == -1) {
+        SET_GENERAL_ERROR(error, "Failed to fork when running %s", script.c_str());
+        return false;
+    }
+    if (pid == 0)
+        _exit(run_in_child(path, directory, user, options.exec_directly));
+    int status = 0;
+    return await_child(pid, script, options.timeout_s, &status, error) &&
+           judge_exit(status, script, path, options, error);
+}

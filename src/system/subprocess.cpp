@@ -1,0 +1,118 @@
+#include "system/subprocess.h"
+
+#include <glib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "base/handles.h"
+#include "base/paths.h"
+#include "system/regex.h"
+
+int check_shell_arguments(ShellArguments arguments, VelkctlError** error) {
+    for (const char* argument : arguments) {
+        if (!argument)
+            return 0;
+        ErrorSlot regex_error;
+        if (check_regex(SAFE_ARGUMENT_PATTERN, argument, regex_error))
+            continue;
+        if (regex_error.is_set())
+            regex_error.move_to(error);
+        else
+            velkctl_error_set(error, VELKCTL_ERROR_GENERAL, "Illegal argument to shell command: %s",
+                              argument);
+        return -1;
+    }
+    return 0;
+}
+
+int check_tar_flags(const std::string& line, VelkctlError** error) {
+    const std::string_view required = "--no-same-permissions --no-same-owner";
+    if (!line.starts_with("tar ") || line.find(required) != std::string::npos)
+        return 0;
+    velkctl_error_set(error, VELKCTL_ERROR_GENERAL, "Illegal flags using tar %s", line.c_str());
+    return -1;
+}
+
+/** Put the arguments in the places of the %s; a place without an argument stays empty. */
+static std::string format_line(std::string_view format, ShellArguments arguments) {
+    std::string line;
+    const auto* next = arguments.begin();
+    while (!format.empty()) {
+        const size_t place = format.find("%s");
+        line += format.substr(0, place);
+        if (place == std::string_view::npos)
+            break;
+        format.remove_prefix(place + 2);
+        if (next != arguments.end() && *next)
+            line += *next++;
+        else
+            next = arguments.end();
+    }
+    return line;
+}
+
+// The errno is whatever the process last left there: a plain failure of the command may name an unrelated
+// cause.
+static void report_command_failure(const std::string& line, VelkctlError** error) {
+    if (errno != 0)
+        SET_GENERAL_ERROR(error, "Failed running \"%s\" with the error: %s", line.c_str(),
+                          system_error_text().c_str());
+    else
+        SET_GENERAL_ERROR(error, "Failed running \"%s\"", line.c_str());
+}
+
+static int run_line(std::string* output, VelkctlError** error, const char* format, ShellArguments arguments) {
+    if (check_shell_arguments(arguments, error) != 0)
+        return -1;
+    const std::string line = format_line(format, arguments);
+    if (check_tar_flags(line, error) != 0)
+        return -1;
+    ErrorSlot spawn_error;
+    const int status = spawn_and_wait({paths::kShell, "-c", line}, output, spawn_error);
+    if (spawn_error.is_set())
+        spawn_error.move_to(error);
+    else if (status != 0)
+        report_command_failure(line, error);
+    return status;
+}
+
+int run_command(VelkctlError** error, const char* format, ShellArguments arguments) {
+    return run_line(nullptr, error, format, arguments);
+}
+
+int run_command_with_output(std::string* output, VelkctlError** error, const char* format,
+                            ShellArguments arguments) {
+    output->clear();
+    return run_line(output, error, format, arguments);
+}
+
+int spawn_and_wait(const std::vector<std::string>& arguments, std::string* output, VelkctlError** error) {
+    std::vector<char*> vector;
+    vector.reserve(arguments.size() + 1);
+    for (const std::string& argument : arguments)
+        vector.push_back(const_cast<char*>(argument.c_str()));  // GLib's vector type is not const, its use is
+    vector.push_back(nullptr);
+
+    char* captured = nullptr;
+    int status = 0;
+    GErrorSlot reason;
+    const bool started = g_spawn_sync(nullptr, vector.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+                                      output ? &captured : nullptr, nullptr, &status, reason.out());
+    const GStringPtr owner(captured);
+    if (!started) {
+        SET_GENERAL_ERROR(error, "Failed running \"%s\": %s", arguments.front().c_str(), reason.message());
+        return -1;
+    }
+    if (output)
+        *output = captured ? captured : "";
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void exec_file(const std::string& path, VelkctlError** error) {
+    char* const arguments[] = {const_cast<char*>(path.c_str()), nullptr};
+    execve(path.c_str(), arguments, environ);
+    report_command_failure(path, error);
+}

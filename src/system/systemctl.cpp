@@ -1,0 +1,54 @@
+#include "system/systemctl.h"
+
+#include "base/paths.h"
+#include "system/file.h"
+#include "system/subprocess.h"
+
+static bool run_on_unit(const char* verb, const std::string& unit, VelkctlError** error) {
+    return run_command(error, "systemctl %s --quiet '%s'", {verb, base_name(unit).c_str()}) == 0;
+}
+
+bool systemctl_enable(const std::string& unit, VelkctlError** error) {
+    return run_on_unit("enable", unit, error);
+}
+bool systemctl_disable(const std::string& unit, VelkctlError** error) {
+    return run_on_unit("disable", unit, error);
+}
+bool systemctl_start(const std::string& unit, VelkctlError** error) {
+    return run_on_unit("start", unit, error);
+}
+bool systemctl_stop(const std::string& unit, VelkctlError** error) {
+    return run_on_unit("stop", unit, error);
+}
+bool systemctl_restart(const std::string& unit, VelkctlError** error) {
+    return run_on_unit("restart", unit, error);
+}
+
+bool systemctl_daemon_reload(VelkctlError** error) {
+    return run_command(error, "systemctl daemon-reload") == 0;
+}
+bool systemctl_reload_web_server(VelkctlError** error) {
+    return run_command(error, "systemctl reload httpd") == 0;
+}
+
+std::optional<bool> is_application_active(const std::string& app, VelkctlError** error) {
+    const std::string unit = paths::service_unit_name(app);
+    ErrorSlot reason;
+    const int status = run_command(reason, "systemctl is-active --quiet %s", {unit.c_str()});
+    if (status >= 0)
+        return status == 0;
+    const std::string command = "systemctl is-active --quiet " + unit;
+    SET_GENERAL_ERROR(error, "Failed running: %s", command.c_str());
+    return std::nullopt;
+}
+
+bool require_application_stopped(const std::string& app, const char* command, VelkctlError** error) {
+    const std::optional<bool> active = is_application_active(app, error);
+    if (!active)
+        return false;
+    if (*active)
+        velkctl_error_set(error, VELKCTL_ERROR_GENERAL,
+                          "Application %s is still running, please stop it before running %s.", app.c_str(),
+                          command);
+    return !*active;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/velkctl-error.h"
+
+/*
+ * The service manager, through its command line. A unit is named by its file name or its path. A failing
+ * command is code 10 "Failed running ...", and what the service manager then has done stays.
+ */
+
+[[nodiscard]] bool systemctl_enable(const std::string& unit, VelkctlError** error);
+[[nodiscard]] bool systemctl_disable(const std::string& unit, VelkctlError** error);
+[[nodiscard]] bool systemctl_start(const std::string& unit, VelkctlError** error);
+[[nodiscard]] bool systemctl_stop(const std::string& unit, VelkctlError** error);
+[[nodiscard]] bool systemctl_restart(const std::string& unit, VelkctlError** error);
+
+/** Make the service manager read its unit files again. */
+[[nodiscard]] bool systemctl_daemon_reload(VelkctlError** error);
+/** Make the web server read its configuration again. */
+[[nodiscard]] bool systemctl_reload_web_server(VelkctlError** error);
+
+/**
+ * Whether the application's service is active; nothing when it cannot be asked, code 10 "Failed running: %s"
+ * with the command. Every exit status of the question other than 0 means that it is not active.
+ */
+[[nodiscard]] std::optional<bool> is_application_active(const std::string& app, VelkctlError** error);
+
+/**
+ * Require that the application is not running: code 10 "Application %s is still running, please stop it
+ * before running %s." with the application and `command`, or the failure of the question itself.
+ */
+[[nodiscard]] bool require_application_stopped(const std::string& app, const char* command,
+                                               VelkctlError** error);
