@@ -1,0 +1,33 @@
+#include "integration/containers.h"
+
+#include "base/paths.h"
+#include "system/file.h"
+#include "system/user-database.h"
+
+static std::string tool_path(const std::string& directory) { return directory + "/docker"; }
+static std::string compose_tool_path(const std::string& directory) { return directory + "/docker-compose"; }
+
+bool holds_container_tools(const std::string& directory) {
+    return is_directory_or_regular_file(tool_path(directory)) &&
+           is_directory_or_regular_file(compose_tool_path(directory));
+}
+
+static bool take_over_link(const std::string& link, const std::string& target, VelkctlError** error) {
+    return make_dirs(dir_name(link).value_or(""), error) && remove_file(link, error) &&
+           make_symlink(target, link, error);
+}
+
+bool create_container_links(const std::string& directory, const std::string& user, VelkctlError** error) {
+    return find_user(user, error) && take_over_link(paths::kContainerTool, tool_path(directory), error) &&
+           take_over_link(paths::kContainerComposeTool, compose_tool_path(directory), error);
+}
+
+static bool remove_own_link(const std::string& link, const std::string& target, VelkctlError** error) {
+    return !is_symlink_target_equal_to(link, target) || remove_file(link, error);
+}
+
+bool remove_container_links(const std::string& directory, VelkctlError** error) {
+    return remove_own_link(paths::kContainerTool, tool_path(directory), error) &&
+           remove_own_link(paths::kContainerComposeTool, compose_tool_path(directory), error) &&
+           remove_file(paths::kContainerSocket, error);
+}

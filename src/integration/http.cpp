@@ -1,0 +1,300 @@
+#include "integration/http.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <set>
+
+#include "base/log.h"
+#include "base/paths.h"
+#include "integration/area.h"
+#include "integration/web-text.h"
+#include "manifest/names.h"
+#include "system/file.h"
+#include "system/systemctl.h"
+#include "system/tree.h"
+#include "system/user-database.h"
+
+namespace {
+
+constexpr uid_t NO_USER = static_cast<uid_t>(-1);
+constexpr gid_t NO_GROUP = static_cast<gid_t>(-1);
+constexpr unsigned RELOAD_RECOVERY_S = 5;
+
+const char* access_group_name(AccessLevel access) {
+    switch (access) {
+        case ACCESS_ADMIN:
+            return "admin";
+        case ACCESS_OPERATOR:
+            return "operator";
+        case ACCESS_VIEWER:
+            return "viewer";
+    }
+    assert(false && "access level");
+    return "admin";
+}
+
+std::string fcgi_socket_name(const std::string& app) { return app + "_fcgi.socket"; }
+
+/** What the steps of the set-up share. */
+struct WebSetup {
+    const ParsedManifest& parsed;
+    AreaDirectory application;
+    AreaDirectory html;
+    bool layer_file_store;
+    uid_t uid;
+    gid_t www_gid;
+    gid_t viewer_gid;
+    gid_t operator_gid;
+    gid_t default_gid;  ///< of the group that decides the access to plain files
+};
+
+bool look_up_group(const char* name, gid_t* gid, VelkctlError** error) {
+    *gid = find_group_id(name, error);
+    return *gid != NO_GROUP;
+}
+
+// --- CGI entries ---
+
+bool create_web_file(const WebSetup& web, const std::string& name, AccessLevel access, VelkctlError** error) {
+    gid_t gid = NO_GROUP;
+    return look_up_group(access_group_name(access), &gid, error) &&
+           check_path_in_app_dir(web.html.path_of(name), web.application.path(), error) &&
+           create_area_file(web.html, name, 0750, web.uid, gid, error);
+}
+
+std::vector<std::string> cgi_names(const ParsedManifest& parsed, CgiType type) {
+    std::vector<std::string> names;
+    for (const CgiEntry& entry : parsed.cgiEntries)
+        if (entry.type == type)
+            names.push_back(entry.name);
+    return names;
+}
+
+/** Write the application's own copy of a snippet, then the one that the web server reads. */
+bool write_snippet(const WebSetup& web, const char* copy, const std::string& active, const std::string& text,
+                   VelkctlError** error) {
+    const std::optional<AreaDirectory> conf = open_area_directory(web.application, "conf", error);
+    return conf && write_area_file(*conf, copy, text, error) && write_file(active, text, error);
+}
+
+bool setup_cgi(const WebSetup& web, VelkctlError** error) {
+    const std::string& app = web.parsed.appName;
+    for (const CgiEntry& entry : web.parsed.cgiEntries)
+        if (!create_web_file(web, entry.name, entry.access, error))
+            return false;
+    const std::vector<std::string> transfers = cgi_names(web.parsed, CGI_TRANSFER);
+    if (!transfers.empty() && !write_snippet(web, "transfercgi.conf", paths::transfer_snippet(app),
+                                             transfer_text(app, transfers), error))
+        return false;
+    const std::vector<std::string> scripts = cgi_names(web.parsed, CGI_FAST);
+    if (scripts.empty())
+        return true;
+    const std::string text =
+        fcgi_text(paths::web_directory(app), fcgi_socket_path(web.application.path(), app), scripts);
+    return create_web_file(web, fcgi_socket_name(app), ACCESS_VIEWER, error) &&
+           write_snippet(web, "fcgi.conf", paths::fcgi_snippet(app), text, error);
+}
+
+// --- Ownership and access rules ---
+
+bool give_license(const WebSetup& web, VelkctlError** error) {
+    if (!web.layer_file_store) {
+        const std::optional<AreaFile> license =
+            open_area_file(web.application, "LICENSE", "Failed setting ownership of", error);
+        if (!license || !license->set_owner(web.uid, web.www_gid, error) || !license->set_mode(0640, error))
+            return false;
+    }
+    return make_area_link_if_absent(web.html, web.application.path_of("LICENSE"), "LICENSE", error);
+}
+
+/** The names of the CGI entries as paths below the web directory, each in its shortest form. */
+std::set<std::string> listed_files(const ParsedManifest& parsed) {
+    std::set<std::string> listed;
+    for (const CgiEntry& entry : parsed.cgiEntries) {
+        const GStringPtr path(g_canonicalize_filename(entry.name.c_str(), "/"));
+        listed.insert(path.get());
+    }
+    return listed;
+}
+
+/** Gathers the access rules of a web tree while it is walked, and opens its plain files to the web server. */
+class RuleCollector {
+  public:
+    RuleCollector(const WebSetup& web, std::string root)
+        : web_(web), root_(std::move(root)), listed_(listed_files(web.parsed)) {}
+
+    bool visit(const TreeEntry& entry, VelkctlError** error) {
+        const bool is_file = S_ISREG(entry.status.st_mode);
+        if (!entry.is_directory && !is_file)
+            return true;
+        const std::string below = entry.path.substr(root_.size());
+        if (!check_no_newline(base_name(below), "html", error)) {
+            if (error && *error)
+                (*error)->code = VELKCTL_ERROR_GENERAL;
+            return false;
+        }
+        return entry.is_directory ? enter(entry, below) : add_file(entry, below, error);
+    }
+
+    [[nodiscard]] const std::vector<WebDirectory>& directories() const { return directories_; }
+
+  private:
+    bool enter(const TreeEntry& entry, const std::string& below) {
+        way_.resize(static_cast<size_t>(entry.level));
+        way_.push_back(directories_.size());
+        directories_.push_back({paths::web_directory(web_.parsed.appName) + below, {}});
+        return true;
+    }
+
+    bool add_file(const TreeEntry& entry, const std::string& below, VelkctlError** error) {
+        const std::string name = base_name(below);
+        gid_t gid = entry.status.st_gid;
+        if (name != "LICENSE" && !name.ends_with("_fcgi.socket") && !listed_.contains(below)) {
+            gid = web_.default_gid;
+            bool vanished = false;
+            if (!web_.layer_file_store && !open_to_web_server(entry, below, &vanished, error))
+                return vanished;
+        }
+        directories_[way_[static_cast<size_t>(entry.level) - 1]].files.push_back({name, group_of(gid)});
+        return true;
+    }
+
+    [[nodiscard]] std::string group_of(gid_t gid) const {
+        return gid == web_.viewer_gid ? "viewer" : gid == web_.operator_gid ? "operator" : "admin";
+    }
+
+    /** Let the web server, and nobody else, read the file, and look into its directory. */
+    bool open_to_web_server(const TreeEntry& entry, const std::string& below, bool* vanished,
+                            VelkctlError** error) {
+        const std::string path = web_.html.path() + below;
+        const UniqueFd file(open(entry.access_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (!file && errno == ENOENT) {
+            log_warning("Failed to add Apache permission configs for file %s, file does not exist",
+                        path.c_str());
+            *vanished = true;
+            return false;
+        }
+        const std::string directory = dir_name(entry.access_path).value_or(".");
+        const UniqueFd parent(open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!file || !parent) {
+            SET_GENERAL_ERROR(error, "Failed reading status of file %s: %s", path.c_str(),
+                              system_error_text().c_str());
+            return false;
+        }
+        return set_group_and_mode(parent.get(), dir_name(path).value_or(path), 0754, error) &&
+               set_group_and_mode(file.get(), path, 0640, error);
+    }
+
+    bool set_group_and_mode(int fd, const std::string& path, mode_t mode, VelkctlError** error) const {
+        return set_open_owner(fd, path, NO_USER, web_.www_gid, error) && set_open_mode(fd, path, mode, error);
+    }
+
+    const WebSetup& web_;
+    std::string root_;
+    std::set<std::string> listed_;
+    std::vector<WebDirectory> directories_;
+    std::vector<size_t>
+        way_;  ///< the directories from the root to the one being walked, as places in the list
+};
+
+bool write_access_rules(const WebSetup& web, VelkctlError** error) {
+    RuleCollector rules(web, web.html.access_path("."));
+    ErrorSlot refused;
+    const int result = walk_tree(web.html.access_path("."), TreeOrder::DirectoryFirst,
+                                 [&](const TreeEntry& entry) { return rules.visit(entry, refused); });
+    if (refused.is_set()) {
+        refused.move_to(error);
+        return false;
+    }
+    if (result != 0) {
+        SET_GENERAL_ERROR(error, "Failed reading files in directory %s: %s",
+                          paths::web_directory(web.parsed.appName).c_str(),
+                          system_error_text(result).c_str());
+        return false;
+    }
+    return write_file(paths::access_rules(web.parsed.appName), access_rules_text(rules.directories()), error);
+}
+
+bool open_directories_to_web_server(const WebSetup& web, VelkctlError** error) {
+    const int result = web.layer_file_store ? 0 : set_dir_mode_recursive(web.html.access_path("."));
+    if (result == 0)
+        return true;
+    SET_GENERAL_ERROR(error, "Failed recursively setting permissions for subdirectories in directory %s: %s",
+                      web.html.path().c_str(), system_error_text(result).c_str());
+    return false;
+}
+
+bool publish(const WebSetup& web, VelkctlError** error) {
+    return make_symlink(web.html.path(), paths::web_directory(web.parsed.appName), error) &&
+           setup_cgi(web, error) &&
+           set_open_owner(web.html.fd(), web.html.path(), web.uid, web.www_gid, error) &&
+           give_license(web, error) && write_access_rules(web, error) &&
+           open_directories_to_web_server(web, error);
+}
+
+/** Remove one kind of snippet: the active one, the application's copy, and then its socket. */
+bool teardown_cgi_setup(const std::string& directory, const std::string& active, const char* copy,
+                        VelkctlError** error) {
+    return remove_file(active, error) && remove_file_in_application(directory, "conf", copy, error);
+}
+
+}  // namespace
+
+std::string fcgi_socket_path(const std::string& directory, const std::string& app) {
+    return directory + "/html/" + fcgi_socket_name(app);
+}
+
+bool setup_http(const ParsedManifest& parsed, const std::string& directory, bool layer_file_store,
+                const std::string& user, const std::string& group, VelkctlError** error) {
+    gid_t group_gid = NO_GROUP;
+    gid_t www_gid = NO_GROUP;
+    gid_t viewer_gid = NO_GROUP;
+    gid_t operator_gid = NO_GROUP;
+    gid_t default_gid = NO_GROUP;
+    const uid_t uid = find_user_id(user, error);
+    if (uid == NO_USER || !look_up_group(group.c_str(), &group_gid, error))
+        return false;
+    std::optional<AreaDirectory> application = open_area(directory, error);
+    std::optional<AreaDirectory> html =
+        application ? make_area_directory(*application, "html", error) : std::nullopt;
+    if (!html || !look_up_group("www", &www_gid, error) || !look_up_group("viewer", &viewer_gid, error) ||
+        !look_up_group("operator", &operator_gid, error) ||
+        !look_up_group(access_group_name(parsed.directoryAccess), &default_gid, error))
+        return false;
+    const WebSetup web{parsed,
+                       std::move(*application),
+                       std::move(*html),
+                       layer_file_store,
+                       uid,
+                       www_gid,
+                       viewer_gid,
+                       operator_gid,
+                       default_gid};
+    return publish(web, error);
+}
+
+bool teardown_http(const std::string& directory, const std::string& app, VelkctlError** error) {
+    return teardown_cgi_setup(directory, paths::transfer_snippet(app), "transfercgi.conf", error) &&
+           remove_file_in_application(paths::kWebSockets, app, "http", error) &&
+           remove_recursive(paths::transfer_socket_directory(app), error) &&
+           teardown_cgi_setup(directory, paths::fcgi_snippet(app), "fcgi.conf", error) &&
+           remove_file_in_application(directory, "html", fcgi_socket_name(app), error) &&
+           remove_file(paths::web_directory(app), error) && remove_file(paths::access_rules(app), error);
+}
+
+void reload_web_server() {
+    ErrorSlot error;
+    if (systemctl_reload_web_server(error))
+        return;
+    log_warning("Failed reloading httpd: %s", error.message());
+    error.clear();
+    sleep(RELOAD_RECOVERY_S);
+    if (systemctl_start("httpd", error))
+        log_info("Started httpd successfully after a failed reload");
+    else
+        log_warning("Failed to start httpd: %s", error.message());
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "base/velkctl-error.h"
+#include "manifest/parsed-manifest.h"
+
+/** The FastCGI socket of the application whose directory is `directory`. */
+[[nodiscard]] std::string fcgi_socket_path(const std::string& directory, const std::string& app);
+
+/**
+ * Publish the application's `html` directory, write the web server's snippets for its CGI entries and the
+ * access rules of its files, and give the files to the web server's group.
+ *
+ * @param directory         the application directory
+ * @param layer_file_store  the files' groups and modes are then those of the mount and stay as they are
+ * @param error             code 1 for a reserved directory that is a link or a CGI name that leads out of the
+ *                          application directory; code 10 otherwise. What was made stays, for teardown.
+ */
+[[nodiscard]] bool setup_http(const ParsedManifest& parsed, const std::string& directory,
+                              bool layer_file_store, const std::string& user, const std::string& group,
+                              VelkctlError** error);
+
+/** Remove what setup_http made. Stops at the first failure, code 10; what is not there is no failure. */
+[[nodiscard]] bool teardown_http(const std::string& directory, const std::string& app, VelkctlError** error);
+
+/** Let the web server read its configuration again; when that fails wait 5 seconds and start it. Only logs
+ * failures. */
+void reload_web_server();

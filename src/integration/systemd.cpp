@@ -1,0 +1,370 @@
+#include "integration/systemd.h"
+
+#include <fnmatch.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <sstream>
+
+#include "base/log.h"
+#include "base/paths.h"
+#include "integration/http.h"
+#include "integration/units.h"
+#include "manifest/manifest.h"
+#include "manifest/names.h"
+#include "system/file.h"
+#include "system/subprocess.h"
+#include "system/systemctl.h"
+#include "system/tree.h"
+#include "system/user-database.h"
+
+namespace {
+
+std::string unit_file(const std::string& name) { return std::string(paths::kSystemdUnits) + "/" + name; }
+
+std::string drop_in_directory(const std::string& app) { return paths::service_unit_path(app) + ".d"; }
+
+std::string lower_directory(const std::string& app, const StoreLocation* location) {
+    return store_path(app, location) + "/lower";
+}
+
+bool write_unit(const std::string& name, const std::optional<std::string>& text, VelkctlError** error) {
+    return text && write_file(unit_file(name), *text, error);
+}
+
+// --- Making ---
+
+/** What is known of an application while its units are written. */
+struct UnitJob {
+    const ParsedManifest& parsed;
+    const json_t* manifest;
+    const StoreLocation* location;
+    std::string directory;
+    std::string overlay_unit;
+    std::vector<std::string> required_mounts;
+};
+
+/** The card may be missing or slow: that its overlay does not come up now must not keep the rest from being
+ * made. */
+void bring_up_overlay(const std::string& unit) {
+    ErrorSlot error;
+    if (!systemctl_enable(unit, error))
+        log_warning("Failed to enable %s", unit.c_str());
+    error.clear();
+    if (!systemctl_start(unit, error))
+        log_warning("Failed to start %s", unit.c_str());
+}
+
+bool create_card_units(UnitJob* job, VelkctlError** error) {
+    const std::string& app = job->parsed.appName;
+    const std::string polling = disk_polling_unit_name(app);
+    const std::string overlay = mount_unit_name(job->directory);
+    if (!write_unit(polling, disk_polling_unit_text(job->location->disk, error), error) ||
+        !remove_if_symlink(job->directory, error))
+        return false;
+    const OverlayUnit unit{app, job->directory, store_path(app, job->location), polling};
+    if (!write_unit(overlay, card_overlay_unit_text(unit, error), error))
+        return false;
+    bring_up_overlay(overlay);
+    job->overlay_unit = overlay;
+    return true;
+}
+
+/** Where the application's files are for looking at; on the first card the overlay may not be mounted. */
+std::string base_directory(const UnitJob& job) {
+    return job.location->kind == STORE_SD_CARD1 ? lower_directory(job.parsed.appName, job.location)
+                                                : job.directory;
+}
+
+/**
+ * The path below the application directory that an element of `squashfsMounts` names under `key`. What it
+ * names must be there, also with the links on the way resolved, and inside the application's files.
+ */
+std::optional<std::string> squashfs_path(const UnitJob& job, const json_t* element, const char* key,
+                                         VelkctlError** error) {
+    const std::optional<std::string> relative = manifest_string(element, error, {key});
+    if (!relative || !check_no_newline(relative, key, error))
+        return std::nullopt;
+    const std::string base = base_directory(job);
+    const std::optional<std::string> resolved = resolve_in_dir(base, *relative);
+    ErrorSlot outside;
+    // A mount on the application directory itself would hide the application from its own unit.
+    if (!resolved || *resolved == base ||
+        (is_directory_or_regular_file(*resolved) && !check_path_in_app_dir(*resolved, base, outside))) {
+        velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST,
+                          "The relative path %s tried to escape the application directory",
+                          relative->c_str());
+        return std::nullopt;
+    }
+    if (!is_directory_or_regular_file(*resolved)) {
+        velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST,
+                          "The %s '%s' referenced from squashfsMounts could not be found", key,
+                          resolved->c_str());
+        return std::nullopt;
+    }
+    return job.directory + resolved->substr(base.size());
+}
+
+bool create_squashfs_unit(UnitJob* job, const json_t* element, VelkctlError** error) {
+    const std::optional<std::string> image = squashfs_path(*job, element, "path", error);
+    if (!image)
+        return false;
+    const std::optional<std::string> mount_point = squashfs_path(*job, element, "mountpoint", error);
+    if (!mount_point)
+        return false;
+    const SquashfsUnit unit{job->parsed.appName, job->directory, *image, *mount_point};
+    if (!write_unit(mount_unit_name(*mount_point), squashfs_unit_text(unit, error), error))
+        return false;
+    job->required_mounts.push_back(*mount_point);
+    return true;
+}
+
+bool create_squashfs_units(UnitJob* job, VelkctlError** error) {
+    const json_t* mounts =
+        manifest_object(job->manifest, nullptr, {"velkPackageConf", "configuration", "squashfsMounts"});
+    if (mounts && !json_is_array(mounts)) {
+        velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST, "%s in manifest is not an array",
+                          "squashfsMounts");
+        return false;
+    }
+    for (size_t i = 0; i < json_array_size(mounts); i++)
+        if (!create_squashfs_unit(job, json_array_get(mounts, i), error))
+            return false;
+    return true;
+}
+
+bool create_service_unit(const UnitJob& job, const std::string& user, const std::string& group,
+                         VelkctlError** error) {
+    const ParsedManifest& parsed = job.parsed;
+    const std::string socket = fcgi_socket_path(job.directory, parsed.appName);
+    ErrorSlot unknown;
+    ServiceUnit unit;
+    unit.app = parsed.appName;
+    unit.description = parsed.friendlyName.value_or(parsed.appName);
+    unit.directory = job.directory;
+    unit.run_options = parsed.runOptions;
+    unit.run_mode = parsed.runMode;
+    unit.user = user;
+    unit.group = group;
+    unit.overlay_unit = job.overlay_unit;
+    unit.required_mounts = job.required_mounts;
+    if (path_exists(socket, unknown))
+        unit.fcgi_socket = socket;
+    unit.scheduling_policy = parsed.schedulingPolicy;
+    unit.real_time_priority = parsed.realTimePriority;
+    unit.container_host = parsed.containerHost;
+    unit.create_docker_symlinks = parsed.createDockerSymlinks;
+    if (unit.container_host || unit.create_docker_symlinks) {
+        unit.uid = find_user_id(user, error);
+        if (unit.uid == static_cast<uid_t>(-1))
+            return false;
+    }
+    return write_unit(paths::service_unit_name(parsed.appName), service_unit_text(unit, error), error);
+}
+
+bool create_drop_in(const std::string& app, VelkctlError** error) {
+    const std::string directory = drop_in_directory(app);
+    return make_reserved_dir(directory, 0755, error) &&
+           write_file(directory + "/50-orvo-network.conf", network_drop_in_text(), error);
+}
+
+/** Fill in the ids that own a package's contents. */
+bool look_up_contents_owners(ContentsUnit* unit, const std::string& user, VelkctlError** error) {
+    unit->uid = find_user_id(user, error);
+    if (unit->uid == static_cast<uid_t>(-1))
+        return false;
+    unit->admin_gid = find_group_id("admin", error);
+    if (unit->admin_gid == static_cast<gid_t>(-1))
+        return false;
+    unit->www_gid = find_group_id("www", error);
+    return unit->www_gid != static_cast<gid_t>(-1);
+}
+
+// --- Undoing ---
+
+/** Run a step of the undoing: its failure is a warning, and the work goes on. */
+bool survive(bool done, ErrorSlot* error) {
+    warn_and_clear_error(*error, nullptr);
+    return done;
+}
+
+bool remove_unit_file(const std::string& name) {
+    ErrorSlot error;
+    return survive(remove_file(unit_file(name), error), &error);
+}
+
+/**
+ * Take back what `start` did to have the service run at boot. This is all that disabling does, and works for
+ * a service whose unit file is gone already.
+ */
+bool remove_enabling_link(const std::string& app) {
+    const std::string directory = unit_file("velk.target.wants");
+    ErrorSlot error;
+    const bool removed =
+        survive(remove_if_symlink(directory + "/" + paths::service_unit_name(app), error), &error);
+    rmdir(directory.c_str());  // goes with the last link, and stays with any other
+    return removed;
+}
+
+bool remove_service(const std::string& app) {
+    ErrorSlot error;
+    bool ok = remove_unit_file(paths::service_unit_name(app));
+    ok = remove_enabling_link(app) && ok;
+    return survive(remove_recursive(drop_in_directory(app), error), &error) && ok;
+}
+
+/**
+ * Whether the unit file mounts something outside the directory. The pattern for an application's mounts also
+ * fits the overlay of another one that is named like it with a hyphen behind, which must stay.
+ */
+bool belongs_to_another(const std::string& path, const std::string& directory) {
+    ErrorSlot unreadable;
+    std::istringstream lines(read_file(path, unreadable).value_or(""));
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with("Where="))
+            return !line.starts_with("Where=" + directory + "/");
+    return false;
+}
+
+std::optional<std::vector<std::string>> mounts_below(const std::string& directory, VelkctlError** error) {
+    const DirectoryPtr units(opendir(paths::kSystemdUnits));
+    if (!units) {
+        SET_GENERAL_ERROR(error, "The systemd path %s could not be opened", paths::kSystemdUnits);
+        return std::nullopt;
+    }
+    const std::string full = mount_unit_name(directory + "/*");
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(units.get()))
+        if (fnmatch(full.c_str(), entry->d_name, 0) == 0 &&
+            !belongs_to_another(unit_file(entry->d_name), directory))
+            names.emplace_back(entry->d_name);
+    return names;
+}
+
+bool remove_mounts_below(const std::string& directory) {
+    ErrorSlot error;
+    const std::optional<std::vector<std::string>> names = mounts_below(directory, error);
+    bool ok = survive(names.has_value(), &error);
+    for (const std::string& name : names.value_or(std::vector<std::string>())) {
+        ok = survive(systemctl_stop(name, error), &error) && ok;
+        ok = remove_unit_file(name) && ok;
+    }
+    return ok;
+}
+
+bool unmount_or_warn(const std::string& app, const std::string& directory) {
+    if (unmount_directory(directory))
+        return true;
+    ErrorSlot error;
+    SET_GENERAL_ERROR(error, "Errors occurred when unmounting filesystems for %s", app.c_str());
+    return survive(false, &error);
+}
+
+/** Without its file it would still poll, for ever when the card is gone. */
+bool remove_polling_service(const std::string& app) {
+    const std::string unit = disk_polling_unit_name(app);
+    ErrorSlot error;
+    if (is_regular_file(unit_file(unit)))
+        survive(systemctl_stop(unit, error), &error);
+    return remove_unit_file(unit);
+}
+
+/** What only applications on a card or in the layer-file store have. */
+bool remove_location_mounts(const std::string& app, const StoreLocation* location) {
+    const std::string directory = paths::store_root_path(app);
+    if (location->kind == STORE_INTERNAL_VLPFS) {
+        const bool overlay_gone = unmount_directory(directory);
+        return unmount_directory(lower_directory(app, location)) && overlay_gone;
+    }
+    if (location->kind != STORE_SD_CARD1)
+        return true;
+    const bool polling_gone = remove_polling_service(app);
+    return unmount_or_warn(app, directory) && polling_gone;
+}
+
+/** Put back the link in the store root that the mount had taken the place of. */
+bool restore_store_link(const std::string& app, const StoreLocation* location) {
+    if (!location->subdir)
+        return true;
+    ErrorSlot error;
+    return survive(
+        make_symlink_if_absent(location_link_target(app, location), paths::store_root_path(app), error),
+        &error);
+}
+
+}  // namespace
+
+bool create_squashfs_mount_units(const ParsedManifest& parsed, const json_t* manifest,
+                                 const std::string& user, const std::string& group,
+                                 const StoreLocation* location, VelkctlError** error) {
+    assert(error);
+    UnitJob job{parsed, manifest, location, paths::store_root_path(parsed.appName), {}, {}};
+    if (location->kind == STORE_SD_CARD1 && !create_card_units(&job, error))
+        return false;
+    if (!create_squashfs_units(&job, error))
+        return false;
+    if (location->kind == STORE_INTERNAL_VLPFS)
+        job.required_mounts.push_back(job.directory);
+    return create_service_unit(job, user, group, error) && create_drop_in(parsed.appName, error);
+}
+
+bool create_package_contents_mounts(const ParsedManifest& parsed, const StoreLocation* location,
+                                    const std::string& user, uint32_t features, VelkctlError** error) {
+    const std::string& app = parsed.appName;
+    const std::string directory = paths::store_root_path(app);
+    const std::string layers = store_path(app, location);
+    ContentsUnit contents{app, layers + "/lower.vlp", layers + "/lower", {}, {}, 0, 0, 0};
+    if (features & FEATURE_SCRIPT_PERMISSIONS) {
+        contents.post_install_script = parsed.postInstallScript;
+        contents.pre_uninstall_script = parsed.preUninstallScript;
+    }
+    const std::string contents_unit = mount_unit_name(contents.mount_point);
+    const std::string overlay_unit = mount_unit_name(directory);
+    const OverlayUnit overlay{app, directory, layers, contents_unit};
+    if (!require_path(contents.package, error) || !remove_if_symlink(directory, error) ||
+        !look_up_contents_owners(&contents, user, error) ||
+        !write_unit(contents_unit, contents_unit_text(contents, error), error) ||
+        !write_unit(overlay_unit, layer_overlay_unit_text(overlay, error), error))
+        return false;
+    for (const std::string& path : {directory, layers + "/lower", layers + "/upper", layers + "/work"})
+        if (!make_reserved_dir(path, 0755, error))
+            return false;
+    return run_command(error, "systemctl enable --now '%s' '%s'",
+                       {contents_unit.c_str(), overlay_unit.c_str()}) == 0;
+}
+
+bool unmount_directory(const std::string& directory) {
+    const std::string unit = mount_unit_name(directory);
+    ErrorSlot error;
+    if (is_regular_file(unit_file(unit)))
+        survive(systemctl_disable(unit, error), &error);
+    survive(systemctl_stop(unit, error), &error);
+    remove_unit_file(unit);
+    if (remove_link_or_empty_dir(directory, error))
+        return true;
+    error.clear();
+    log_warning("Unmount of %s failed, will try with lazy flag", directory.c_str());
+    survive(run_command(error, "umount --lazy %s", {directory.c_str()}) == 0, &error);
+    if (remove_link_or_empty_dir(directory, error))
+        return true;
+    log_warning("Leaving behind non-empty directory %s", directory.c_str());
+    return false;
+}
+
+bool teardown_systemd(const std::string& app, const StoreLocation* location, VelkctlError** error) {
+    // The mounts of images lie on the application directory, so they have to go before it is unmounted; on
+    // the layer store the order is the other way round, and stopping the directory's mount takes those above
+    // it along.
+    bool ok = location != nullptr;
+    if (location && location->kind == STORE_INTERNAL_VLPFS)
+        ok = remove_location_mounts(app, location) && ok;
+    ok = remove_service(app) && ok;
+    ok = remove_mounts_below(paths::store_root_path(app)) && ok;
+    if (location && location->kind != STORE_INTERNAL_VLPFS)
+        ok = remove_location_mounts(app, location) && ok;
+    if (location)
+        ok = restore_store_link(app, location) && ok;
+    if (!ok)
+        SET_GENERAL_ERROR(error, "Failure during teardown of systemd units for %s", app.c_str());
+    return ok;
+}
