@@ -1,0 +1,193 @@
+#include "lifecycle/schema-process.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <nlohmann/json-schema.hpp>
+#include <stdexcept>
+
+#include "base/handles.h"
+#include "base/paths.h"
+#include "base/velkctl-error.h"
+#include "lifecycle/iri.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct Answer {
+    int result;
+    std::string message;
+};
+
+Answer failed(int result, std::string reason) {
+    while (!reason.empty() && reason.back() == '\n')
+        reason.pop_back();
+    return {result, "Validation failed - " + reason};
+}
+
+// --- In the child ---
+
+/** The library recurses over the levels of schema and document, and keeps the way to each of them. */
+bool nests_deeper_than(const std::string& text, unsigned limit) {
+    unsigned depth = 0;
+    bool in_string = false;
+    for (size_t i = 0; i < text.size(); i++) {
+        const char character = text[i];
+        if (in_string && character == '\\')
+            i++;
+        else if (character == '"')
+            in_string = !in_string;
+        else if (!in_string && (character == '[' || character == '{') && ++depth > limit)
+            return true;
+        else if (!in_string && (character == ']' || character == '}') && depth > 0)
+            depth--;
+    }
+    return false;
+}
+
+json parse_checked(const std::string& text, unsigned nesting) {
+    if (nests_deeper_than(text, nesting))
+        throw std::invalid_argument("more than " + std::to_string(nesting) + " levels of nesting");
+    return json::parse(text);
+}
+
+void check_format(const std::string& format, const std::string& value) {
+    if (format == "iri" && !iri_to_uri(value))
+        throw std::invalid_argument(value + " is not valid iri");
+}
+
+Answer validate(const std::string& input, const std::string& schema, unsigned nesting) {
+    int stage = JSON_SCHEMA_UNUSABLE;
+    try {
+        nlohmann::json_schema::json_validator validator(nullptr, check_format);
+        validator.set_root_schema(parse_checked(schema, nesting));
+        stage = JSON_INPUT_UNUSABLE;
+        const json document = parse_checked(input, nesting);
+        stage = JSON_NOT_VALID;
+        validator.validate(document);
+        return {JSON_VALID, ""};
+    } catch (const std::exception& reason) {
+        return failed(stage, reason.what());
+    } catch (...) {
+        return failed(stage, "unknown error");
+    }
+}
+
+void set_limit(__rlimit_resource resource, rlim_t value) {
+    struct rlimit limit = {};
+    if (getrlimit(resource, &limit) != 0)
+        return;
+    limit.rlim_cur = std::min(value, limit.rlim_max);
+    setrlimit(resource, &limit);
+}
+
+/** The size of the process's private memory, which the system compares with its data limit. */
+[[maybe_unused]] rlim_t data_size() {
+    unsigned long pages = 0;
+    const FilePtr file(std::fopen((std::string(paths::kProcesses) + "/self/statm").c_str(), "re"));
+    if (!file || std::fscanf(file.get(), "%*u %*u %*u %*u %*u %lu", &pages) != 1)
+        return 0;
+    return pages * static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
+}
+
+void apply_limits(const ValidationLimits& limits) {
+    // A stack that runs over ends the child silently: the parent has the message.
+    std::signal(SIGSEGV, SIG_DFL);
+    std::signal(SIGBUS, SIG_DFL);
+    set_limit(RLIMIT_CORE, 0);
+    set_limit(RLIMIT_STACK, limits.stack_bytes);
+    set_limit(RLIMIT_CPU, limits.processor_seconds);
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer needs memory of its own, and hangs where it gets none
+    set_limit(RLIMIT_DATA, data_size() + limits.memory_bytes);
+#endif
+}
+
+bool write_all(int fd, const char* data, size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(fd, data, length);
+        if (written < 0 && errno != EINTR)
+            return false;
+        const size_t step = static_cast<size_t>(std::max<ssize_t>(written, 0));
+        data += step;
+        length -= step;
+    }
+    return true;
+}
+
+[[noreturn]] void run_child(int fd, const std::string& input, const std::string& schema,
+                            const ValidationLimits& limits) {
+    apply_limits(limits);
+    const Answer answer = validate(input, schema, limits.nesting);
+    const char result = static_cast<char>(answer.result);
+    const bool written =
+        write_all(fd, &result, 1) && write_all(fd, answer.message.data(), answer.message.size());
+    _exit(written ? 0 : 1);
+}
+
+// --- In the parent ---
+
+std::string read_all(int fd) {
+    std::string text;
+    char block[4096];
+    for (;;) {
+        const ssize_t got = read(fd, block, sizeof block);
+        if (got > 0)
+            text.append(block, static_cast<size_t>(got));
+        else if (got == 0 || errno != EINTR)
+            return text;
+    }
+}
+
+int wait_for(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+Answer explain_death(int status, const ValidationLimits& limits) {
+    const int number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    if (number == SIGXCPU || number == SIGKILL)
+        return failed(JSON_NOT_VALID, "it takes more than " + std::to_string(limits.processor_seconds) +
+                                          " s of processor time");
+    if (number == SIGSEGV || number == SIGBUS)
+        return failed(JSON_NOT_VALID,
+                      "the schema recurses without end or takes too much stack on this document");
+    return failed(JSON_NOT_VALID, "the validation ended with status " + std::to_string(status));
+}
+
+Answer ask_child(const std::string& input, const std::string& schema, const ValidationLimits& limits) {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return failed(JSON_NOT_VALID, system_error_text());
+    const UniqueFd read_end(ends[0]);
+    UniqueFd write_end(ends[1]);
+    const pid_t child = fork();
+    if (child < 0)
+        return failed(JSON_NOT_VALID, system_error_text());
+    if (child == 0)
+        run_child(write_end.get(), input, schema, limits);
+    write_end.reset();
+    const std::string answer = read_all(read_end.get());
+    const int status = wait_for(child);
+    if (status != 0 || answer.empty())
+        return explain_death(status, limits);
+    return {answer[0], answer.substr(1)};
+}
+
+}  // namespace
+
+int validate_in_process(const std::string& input, const std::string& schema, const ValidationLimits& limits,
+                        std::string* message) {
+    Answer answer = ask_child(input, schema, limits);
+    if (answer.result != JSON_VALID)
+        *message = std::move(answer.message);
+    return answer.result;
+}

@@ -1,0 +1,83 @@
+#include "lifecycle/velkctl-backup.h"
+
+#include <unistd.h>
+
+#include <cassert>
+#include <cstdio>
+
+#include "base/paths.h"
+#include "store/lock.h"
+#include "store/velkctl-store.h"
+#include "system/file.h"
+#include "system/tree.h"
+
+std::string backup_path(const std::string& app) { return paths::store_root_path("_backup") + "/" + app; }
+
+bool backup_exists(const std::string& app) { return is_directory(backup_path(app)); }
+
+// Until it is set up, an application of the layer store is reached through its layer only: nothing is mounted
+// yet.
+static std::string source_directory(const std::string& app, const StoreLocation* location) {
+    const bool unmounted = location->kind == STORE_INTERNAL_VLPFS && !is_set_up(app);
+    return unmounted ? location_link_target(app, location) : paths::store_root_path(app);
+}
+
+static bool copy_into(const std::string& source, const std::string& app, const std::string& target,
+                      VelkctlError** error) {
+    for (const std::string& name : {app + ".conf", "param_" + app + ".conf"})
+        if (!copy_path_if_present(source + "/conf/" + name, target + "/" + name, error))
+            return false;
+    // A link could lead anywhere, and what it leads to is not the application's data.
+    const std::string data = source + "/localdata";
+    return remove_if_symlink(data, error) &&
+           (!is_directory(data) || copy_path(data, target + "/localdata", error));
+}
+
+static bool put_in_place(const std::string& complete, const std::string& backup, VelkctlError** error) {
+    if (!remove_recursive(backup, error))
+        return false;
+    sync();
+    if (std::rename(complete.c_str(), backup.c_str()) != 0) {
+        SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", complete.c_str(), backup.c_str(),
+                          system_error_text().c_str());
+        return false;
+    }
+    sync();
+    return true;
+}
+
+bool back_up_application(const std::string& app, VelkctlError** error) {
+    const StoreLocation* location = find_app_location(app, error);
+    if (!location)
+        return false;
+    const std::string backup = backup_path(app);
+    const std::string staging = backup + ".tmp";
+    return remove_recursive(staging, error) && make_dirs(staging, error) &&
+           copy_into(source_directory(app, location), app, staging, error) &&
+           put_in_place(staging, backup, error);
+}
+
+int velkctl_perform_backup(const std::string& app, VelkctlError** error) {
+    assert(error);
+    OperationLock lock;
+    return lock_app_for_operation(app, "backup", &lock, error) && back_up_application(app, error) ? 0 : -1;
+}
+
+int remove_backup(const std::string& app, VelkctlError** error) {
+    sync();
+    if (!backup_exists(app))
+        return 0;
+    const std::string backup = backup_path(app);
+    const std::string doomed = backup + ".remove";
+    if (!remove_recursive(doomed, error))
+        return -1;
+    if (std::rename(backup.c_str(), doomed.c_str()) != 0) {
+        SET_GENERAL_ERROR(error, "Could not remove backup. Rename failed.");
+        return -1;
+    }
+    sync();
+    if (!remove_recursive(doomed, error))
+        return -1;
+    sync();
+    return 0;
+}
