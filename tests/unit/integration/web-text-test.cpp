@@ -1,0 +1,38 @@
+#include "integration/web-text.h"
+
+#include <gtest/gtest.h>
+
+#include "support.h"
+
+static std::string expected(const std::string& name) { return test::read_text(TEST_DATA_DIR "/web/" + name); }
+
+TEST(WebText, QuotesBackslashesAndQuotesOnly) {
+    EXPECT_EQ(quote_for_web_server(""), R"("")");
+    EXPECT_EQ(quote_for_web_server("a b.html"), R"("a b.html")");
+    EXPECT_EQ(quote_for_web_server(R"(a"b\c)"), R"("a\"b\\c")");
+    EXPECT_EQ(quote_for_web_server("$ä%'<>"), "\"$ä%'<>\"");
+}
+
+TEST(WebText, PassesTransferProgramsToTheApplicationsSocket) {
+    EXPECT_EQ(transfer_text("Sample", {"upload.cgi", R"(sub/a "quoted" \ name)"}), expected("transfer.conf"));
+}
+
+TEST(WebText, HandsScriptsToTheFastCgiSocket) {
+    EXPECT_EQ(fcgi_text("/usr/html/local/Sample", "/usr/local/packages/Sample/html/Sample_fcgi.socket",
+                        {"run.cgi", R"(a "quoted" \ name)"}),
+              expected("fcgi.conf"));
+}
+
+TEST(WebText, GivesEachFileOfATreeItsAccessRule) {
+    const std::vector<WebDirectory> directories = {
+        {"/usr/html/local/Sample", {{"index.html", "viewer"}, {R"(say "hello" \.html)", "admin"}}},
+        {"/usr/html/local/Sample/empty", {}},
+        {"/usr/html/local/Sample/sub", {{"run.cgi", "operator"}}},
+    };
+    EXPECT_EQ(access_rules_text(directories), expected("access-rules.conf"));
+    EXPECT_EQ(access_rules_text({{"/usr/html/local/Sample", {}}}), expected("access-rules-none.conf"));
+}
+
+TEST(WebText, QuotesTheNameOfADirectoryToo) {
+    EXPECT_EQ(access_rules_text({{R"(/a"b\c)", {}}}), "<Directory \"/a\\\"b\\\\c\">\n</Directory>\n\n");
+}
