@@ -1,0 +1,95 @@
+"""clean: what a command that died left behind, by the lock file that it left."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+
+from apps import LOCK, app, is_locked, stored, without_place
+from velkdevice.device import Device
+
+Put = Callable[..., str]
+
+
+def clean(device: Device) -> tuple[int, str, str]:
+    result = device.velkctl("clean")
+    return result.status, result.stdout, without_place(result.stderr)
+
+
+def leave_lock(device: Device, content: str) -> None:
+    """As a command leaves it that died: directory, and the name in the file."""
+    device.sh("mkdir -p -m 0700 /usr/local/packages/_lock").check()
+    device.write(LOCK, content)
+
+
+def test_nothing_to_do(pristine: Device) -> None:
+    assert clean(pristine) == (0, "", "No cleanup necessary\n")
+
+
+def test_a_command_that_leaves_nothing_to_undo(pristine: Device) -> None:
+    leave_lock(pristine, "no_clean_on_failure")
+    assert clean(pristine) == (
+        0, "", "Removing /usr/local/packages/no_clean_on_failure.tmp\n"
+        "Deleted lock file. No further cleanup necessary.\n")  # fmt: skip
+    assert not is_locked(pristine)
+
+
+def test_an_application_is_torn_down_and_removed(pristine: Device, put_package: Put) -> None:
+    pristine.velkctl("install", put_package(pristine, app("Sample"))).check()
+    pristine.sh("mkdir /usr/local/packages/Sample.tmp && touch /usr/local/packages/Sample.tmp/x").check()
+    leave_lock(pristine, "Sample")
+    assert clean(pristine) == (
+        0, "", "Removing /usr/local/packages/Sample.tmp\n"
+        "Successfully performed cleanup of application Sample\n")  # fmt: skip
+    assert stored(pristine) == [] and not is_locked(pristine)
+
+
+def test_an_application_that_is_not_there(pristine: Device) -> None:
+    leave_lock(pristine, "Sample")
+    status, _, log = clean(pristine)
+    assert (status, log) == (4, "Removing /usr/local/packages/Sample.tmp\n"
+                                "code 4: Application not found in store: Sample\n")  # fmt: skip
+    assert not is_locked(pristine)
+
+
+def test_an_empty_lock_file(pristine: Device) -> None:
+    leave_lock(pristine, "")
+    assert clean(pristine) == (10, "", f"code 10: src/lifecycle/velkctl-clean.cpp: Lock file is empty: {LOCK}\n")
+    assert not is_locked(pristine)
+
+
+def test_a_running_application(pristine: Device, put_package: Put) -> None:
+    pristine.velkctl("install", put_package(pristine, app("Sample"))).check()
+    pristine.velkctl("start", "Sample").check()
+    leave_lock(pristine, "Sample")
+    assert clean(pristine) == (
+        10, "", "code 10: Application Sample is still running, please stop it before running clean.\n")  # fmt: skip
+    assert not is_locked(pristine)
+    pristine.velkctl("uninstall", "Sample").check()
+
+
+def test_a_line_end_in_the_lock_file_is_seen_by_the_running_test(pristine: Device) -> None:
+    leave_lock(pristine, "Sample\n")
+    status, _, log = clean(pristine)
+    assert (status, log) == (10, "code 10: src/system/systemctl.cpp: Failed running: systemctl is-active --quiet "
+                                 "sdkSample\\x0a.service\n")  # fmt: skip
+    assert not is_locked(pristine)
+
+
+def test_stale_temporary_files_go_with_the_lock_and_stay_without(pristine: Device) -> None:
+    stale = f"{LOCK}_abcdef.tmp"
+    leave_lock(pristine, "no_clean_on_failure")
+    pristine.write(stale, "Sample")
+    assert clean(pristine)[0] == 0
+    assert not pristine.exists(stale)
+    pristine.write(stale, "Sample")
+    assert clean(pristine) == (0, "", "No cleanup necessary\n")
+    assert pristine.exists(stale)
+    pristine.sh('rm "$1"', stale).check()
+
+
+def test_a_name_that_no_application_has(pristine: Device) -> None:
+    leave_lock(pristine, "1Sample")
+    assert clean(pristine) == (
+        10, "", "Removing /usr/local/packages/1Sample.tmp\n"
+        "code 10: Character sequence in application name is not allowed\n")  # fmt: skip
+    assert not is_locked(pristine)

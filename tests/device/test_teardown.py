@@ -1,0 +1,252 @@
+"""teardown: that everything goes, that it goes on past failures, and what it says then."""
+
+from __future__ import annotations
+
+from typing import Any
+
+import pytest
+from apps import LOCK, app, is_locked, uninstallation
+from setups import (SETTINGS, STORE, UNITS, Put, changed, configured, failing, outside, program, section, set_up,
+                    store_app, velkctl, workshop)  # fmt: skip
+from velkdevice.device import Device
+
+SUMMARY = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample\n"
+
+
+def without_manifest(device: Device) -> None:
+    device.sh(f"cd {STORE}/Sample; chattr -i manifest.json; mv manifest.json other.json").check()
+
+
+def with_manifest(device: Device) -> None:
+    device.sh(f"cd {STORE}/Sample; mv other.json manifest.json; chattr +i manifest.json").check()
+
+
+def test_a_running_application_is_stopped_first(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app(runMode="respawn"))
+    workshop.velkctl("start", "Sample").check()
+    assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
+    assert workshop.run(["systemctl", "is-active", "sdkSample"]).stdout == "inactive\n"
+    assert not workshop.exists(f"{UNITS}/velk.target.wants/sdkSample.service")
+    assert workshop.read(f"{STORE}/Sample/conf/runstate.conf") == "ENABLED=no\n"
+
+
+def test_an_enabled_application_that_has_ended_leaves_no_link(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app(runMode="once") | {"Sample": "#!/bin/sh\nexit 0\n"})
+    workshop.velkctl("start", "Sample").check()
+    workshop.wait_for(lambda: workshop.run(["systemctl", "is-active", "sdkSample"]).stdout == "inactive\n", "its end")
+    assert workshop.sh(f"test -L {UNITS}/velk.target.wants/sdkSample.service").status == 0
+    assert velkctl(workshop, "teardown", "Sample")[0] == 0
+    assert workshop.sh(f"test -L {UNITS}/velk.target.wants/sdkSample.service").status == 1
+
+
+def test_a_service_that_does_not_stop_ends_the_teardown(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app(runMode="respawn"))
+    workshop.velkctl("start", "Sample").check()
+    before = outside(workshop, "Sample")
+    with program(workshop, "systemctl", '[ "$1" = stop ] && exit 3\nexec "$REAL" "$@"\n') as env:
+        status, told = velkctl(workshop, "teardown", "Sample", env=env)
+    assert status == 10
+    assert told.startswith("code 10: src/system/subprocess.cpp: Failed running \"systemctl stop --quiet 'sdkSample.service'\"")
+    assert outside(workshop, "Sample") == before
+    assert not is_locked(workshop)
+
+
+@pytest.mark.parametrize(
+    ("name", "status", "log"),
+    [("Nothing", 4, "code 4: Application not found in store: Nothing\n"),
+     ("1x", 10, "code 10: Character sequence in application name is not allowed\n"),
+     ("../x", 10, "code 10: Character sequence in application name is not allowed\n")])  # fmt: skip
+def test_what_is_no_application(workshop: Device, name: str, status: int, log: str) -> None:
+    assert velkctl(workshop, "teardown", name) == (status, log)
+    assert not is_locked(workshop)
+
+
+def test_another_command_is_at_work(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app())
+    before = outside(workshop, "Sample")
+    workshop.write(LOCK, "Other")
+    assert velkctl(workshop, "teardown", "Sample") == (
+        12, f"code 12: Another instance is already running, lock file exists: {LOCK}\n")  # fmt: skip
+    workshop.sh(f"rm {LOCK}").check()
+    assert outside(workshop, "Sample") == before
+
+
+def test_persist_user_keeps_the_user_and_its_ranges(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, configured(containers={"containerHost": True}))
+    uid = workshop.run(["id", "-u", "velk-sample"]).check().stdout.strip()
+    assert velkctl(workshop, "teardown", "--persist-user", "Sample")[0] == 0
+    assert workshop.run(["id", "-u", "velk-sample"]).stdout.strip() == uid
+    assert workshop.read("/etc/subuid") == f"{uid}:100000:65536\n"
+    assert velkctl(workshop, "setup", "Sample")[0] == 0  # the user is changed now, and keeps its range
+    assert workshop.read("/etc/subuid") == workshop.read("/etc/subgid") == f"{uid}:100000:65536\n"
+    assert velkctl(workshop, "teardown", "Sample")[0] == 0
+    assert workshop.read("/etc/subuid") == workshop.read("/etc/subgid") == ""
+
+
+def test_a_user_of_the_device_is_never_removed(workshop: Device, put_package: Put) -> None:
+    files = section(app(), "velkPackageConf.setup.user", {"username": "sdk", "group": "sdk"})
+    set_up(workshop, put_package, files)
+    assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
+    assert workshop.run(["id", "-un", "sdk"]).stdout == "sdk\n"
+
+
+def test_ranges_that_cannot_be_removed_are_a_warning_only(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, configured(containers={"containerHost": True}))
+    workshop.sh("mv /etc/subgid /etc/subgid.away").check()
+    try:
+        assert velkctl(workshop, "teardown", "Sample") == (
+            0, "Failed to teardown subuid/subgid during teardown of Sample: src/integration/sub-id.cpp: Failed finding "
+            "either one or both of /etc/subuid and /etc/subuid\nSuccessfully tore down application Sample\n")  # fmt: skip
+    finally:
+        workshop.sh("rm -f /etc/subgid; mv /etc/subgid.away /etc/subgid; : >/etc/subuid; : >/etc/subgid").check()
+
+
+def test_without_a_manifest_everything_but_the_user_goes(workshop: Device, put_package: Put) -> None:
+    store_app(workshop, put_package, app())
+    before = outside(workshop, "Sample")
+    workshop.velkctl("setup", "Sample").check()
+    without_manifest(workshop)
+    status, told = velkctl(workshop, "teardown", "Sample")
+    missing = f"src/system/file.cpp: Path not found: {STORE}/Sample/manifest.json\n"
+    during = "during teardown of Sample: "
+    assert (status, told) == (10, (
+        f"Failed to get the manifest JSON object {during}{missing}"
+        f"Failed to run remove for plugins {during}While calling plugin function remove. Could not retrieve user for "
+        f"for VELK Sample: {missing}"
+        f"Failed to teardown user {during}{missing}{SUMMARY}"))  # fmt: skip
+    kinds = {line.split(": ")[1] for line in set(outside(workshop, "Sample")) - set(before)}
+    assert {kind for kind in kinds if "shadow" not in kind} == {
+        "/etc/passwd", "/etc/group", "velk-sample", "/var/lib/orvo/api-access/velk-sample"}  # fmt: skip
+    with_manifest(workshop)
+    assert velkctl(workshop, "teardown", "Sample")[0] == 0
+    assert outside(workshop, "Sample") == before
+
+
+def test_with_a_manifest_that_does_not_parse_the_user_goes_too(workshop: Device, put_package: Put) -> None:
+    store_app(workshop, put_package, app())
+    before = outside(workshop, "Sample")
+    workshop.velkctl("setup", "Sample").check()
+    workshop.sh(f"cd {STORE}/Sample; chattr -i manifest.json; echo '{{}}' >manifest.json; chmod 0444 manifest.json").check()
+    status, told = velkctl(workshop, "teardown", "Sample")
+    assert status == 10
+    assert "Failed to read the manifest during teardown of Sample: Could not read velkPackageConf from manifest\n" in told
+    assert told.endswith(SUMMARY)
+    assert outside(workshop, "Sample") == before
+
+
+def test_a_broken_rule_of_the_manifest_does_not_matter(workshop: Device, put_package: Put) -> None:
+    store_app(workshop, put_package, app())
+    before = outside(workshop, "Sample")
+    workshop.velkctl("setup", "Sample").check()
+    workshop.sh(f"cd {STORE}/Sample; chattr -i manifest.json; sed -i 's/1.0.0/one/' manifest.json; "
+                "chmod 0444 manifest.json; chown root:root manifest.json").check()  # fmt: skip
+    assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
+    assert outside(workshop, "Sample") == before
+
+
+def test_the_user_service_refuses(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app())
+    with failing(workshop, "RemoveUser"):
+        assert velkctl(workshop, "teardown", "Sample") == (
+            10, "Failed to teardown user during teardown of Sample: src/system/dbus-call.cpp: DBus call to "
+            f"com.orvo.UserManagement1.Application.RemoveUser failed: Not today\n{SUMMARY}")  # fmt: skip
+    assert not workshop.exists(f"{UNITS}/sdkSample.service")
+    assert velkctl(workshop, "teardown", "Sample")[0] == 0
+
+
+def test_the_pre_uninstall_script_runs_as_the_user(workshop: Device, put_package: Put) -> None:
+    files = uninstallation(app(), preUninstallScript="before.sh")
+    files |= {"before.sh": "#!/bin/sh\nid -un >localdata/who\npwd >>localdata/who\nexit 77\n"}
+    set_up(workshop, put_package, files)
+    assert velkctl(workshop, "teardown", "Sample") == (
+        0, f"Script {STORE}/Sample/before.sh returned non-zero exit code: 77\n"
+        "Successfully tore down application Sample\n")  # fmt: skip
+    assert workshop.read(f"{STORE}/Sample/localdata/who") == f"velk-sample\n{STORE}/Sample\n"
+
+
+def test_a_pre_uninstall_script_that_hangs_is_a_failure(workshop: Device, put_package: Put) -> None:
+    files = uninstallation(app(), preUninstallScript="before.sh") | {"before.sh": "#!/bin/sh\nsleep 4712 & sleep 4712\n"}
+    set_up(workshop, put_package, files)
+    short = workshop.read(SETTINGS).replace("PreUninstallScriptTimeout=60", "PreUninstallScriptTimeout=1")
+    with changed(workshop, SETTINGS, short):
+        status, told = velkctl(workshop, "teardown", "Sample")
+    assert status == 10
+    assert told.endswith("Failed to run pre-uninstall script during teardown of Sample: Execution of before.sh took more "
+                         f"than 1 s so the process was forcefully killed.\n{SUMMARY}")  # fmt: skip
+    assert workshop.run(["pgrep", "-f", "sleep 4712"]).stdout == ""
+    assert not workshop.exists(f"{UNITS}/sdkSample.service")
+
+
+def test_a_missing_time_out_is_a_failure(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app())
+    with changed(workshop, SETTINGS, "[Install]\nPostInstallScriptTimeout=60\n"):
+        status, told = velkctl(workshop, "teardown", "Sample")
+    assert (status, told) == (
+        10, "Failed to run pre-uninstall script during teardown of Sample: src/system/key-file.cpp: Failed reading key "
+        f"PreUninstallScriptTimeout, group Install from {SETTINGS}: Key file does not have key "
+        f"“PreUninstallScriptTimeout” in group “Install”\n{SUMMARY}")  # fmt: skip
+    assert not workshop.exists(f"{UNITS}/sdkSample.service")
+
+
+FAULTS: list[tuple[str, str, str]] = [
+    (f"rm /etc/dynamic/Sample.conf; mkdir /etc/dynamic/Sample.conf", "rmdir /etc/dynamic/Sample.conf",
+     "Failed to teardown params during teardown of Sample: src/system/file.cpp: Failed removing "
+     "/etc/dynamic/Sample.conf: Is a directory\n"),
+    ("mkdir /etc/apache2/fcgi/fcgi_Sample.conf", "rmdir /etc/apache2/fcgi/fcgi_Sample.conf",
+     "Failed to teardown http setup during teardown of Sample: src/system/file.cpp: Failed removing "
+     "/etc/apache2/fcgi/fcgi_Sample.conf: Is a directory\n"),
+    (f"rm {UNITS}/sdkSample.service; mkdir {UNITS}/sdkSample.service", f"rmdir {UNITS}/sdkSample.service",
+     f"src/system/file.cpp: Failed removing {UNITS}/sdkSample.service: Is a directory\n"
+     "Failed to teardown systemd during teardown of Sample: src/integration/systemd.cpp: Failure during teardown of "
+     "systemd units for Sample\n"),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize(("fault", "repair", "log"), FAULTS)
+def test_a_step_that_fails_is_a_warning_and_the_rest_goes(
+    workshop: Device, put_package: Put, fault: str, repair: str, log: str
+) -> None:
+    store_app(workshop, put_package, app())
+    before = outside(workshop, "Sample")
+    workshop.velkctl("setup", "Sample").check()
+    workshop.sh(fault).check()
+    assert velkctl(workshop, "teardown", "Sample") == (10, log + SUMMARY)
+    assert not is_locked(workshop)
+    workshop.sh(repair).check()
+    workshop.run(["systemctl", "daemon-reload"]).check()
+    workshop.velkctl("setup", "Sample")  # takes away what the failed step did not reach
+    workshop.velkctl("teardown", "Sample")
+    assert outside(workshop, "Sample") == before
+
+
+def test_another_applications_overlay_stays(workshop: Device, put_package: Put) -> None:
+    """The pattern for the mounts of Sample fits the overlay of Sample-Two too."""
+    set_up(workshop, put_package, app())
+    other = f"{UNITS}/usr-local-packages-Sample-Two.mount"
+    own = f"{UNITS}/usr-local-packages-Sample-data.mount"
+    workshop.write(other, f"[Mount]\nWhat=x\nWhere={STORE}/Sample-Two\n")
+    workshop.write(own, f"[Mount]\nWhat=x\nWhere={STORE}/Sample/data\n")
+    try:
+        workshop.velkctl("teardown", "Sample")
+        assert workshop.exists(other)
+        assert not workshop.exists(own)
+    finally:
+        workshop.sh(f"rm -f {other} {own}; systemctl daemon-reload").check()
+
+
+def test_container_links_of_another_application_stay(workshop: Device, put_package: Put) -> None:
+    tools: dict[str, Any] = {"docker": "#!/bin/sh\n", "docker-compose": "#!/bin/sh\n"}
+    workshop.sh("mkdir -p /usr/local/lib/docker/cli-plugins").check()
+    try:
+        set_up(workshop, put_package, configured(containers={"createDockerSymlinks": True}) | tools)
+        set_up(workshop, put_package, configured("Other", containers={"createDockerSymlinks": True}) | tools)
+        links = ["/usr/local/bin/docker", "/usr/local/lib/docker/cli-plugins/docker-compose"]
+        taken = [f"{STORE}/Other/docker", f"{STORE}/Other/docker-compose"]
+        assert workshop.run(["readlink", *links]).stdout.split() == taken
+        assert velkctl(workshop, "teardown", "Sample")[0] == 0
+        assert workshop.run(["readlink", *links]).stdout.split() == taken
+        assert velkctl(workshop, "teardown", "Other")[0] == 0
+        assert workshop.run(["readlink", *links]).stdout == ""
+    finally:
+        workshop.velkctl("uninstall", "Other")
+        workshop.sh("rm -rf /usr/local/lib/docker").check()
