@@ -63,10 +63,15 @@ def test_what_is_refused_leaves_an_older_record_as_it_was(device: Device, run_im
 Sweep = Callable[[str, bool, range | list[int]], tuple[int, list[tuple[int, int]], list[int]]]
 
 
+@pytest.fixture(scope="module")
+def content() -> bytes:
+    """One package for all: a signature holds its time, so two of them are two different texts."""
+    return support.signed(DATA)
+
+
 @pytest.fixture
-def sweep(device: Device) -> Sweep:
+def sweep(device: Device, content: bytes) -> Sweep:
     """Try a command on a package changed in each byte and cut everywhere: how many, what passed by change and by cut."""
-    content = support.signed(DATA)
     path = support.put(device, content)
     device.copy_in(Path(__file__).parent / "signature_sweep.py", f"{FOLDER}/sweep.py")
 
@@ -84,9 +89,10 @@ def sweep(device: Device) -> Sweep:
     return run
 
 
-def require_the_same_installed(device: Device, run_import: Import, changed: list[tuple[int, int]]) -> None:
+def require_the_same_installed(
+    device: Device, run_import: Import, content: bytes, changed: list[tuple[int, int]]
+) -> None:
     """Import the package with each of these changes; what is installed is what the unchanged one installs."""
-    content = support.signed(DATA)
     assert run_import(content) == SUCCESS
     wanted = device.sh(INSTALLED, f"{STORE}/App").check().stdout
     for place, value in changed:
@@ -100,33 +106,35 @@ def require_the_same_installed(device: Device, run_import: Import, changed: list
         assert (place, value, device.sh(INSTALLED, f"{STORE}/App").check().stdout) == (place, value, wanted)
 
 
-def require_outside_the_data(changed: list[tuple[int, int]]) -> None:
+def require_outside_the_data(content: bytes, changed: list[tuple[int, int]]) -> None:
     """What passed was changed in the signature's armour, not in the data nor in the trailer."""
-    end = len(support.signed(DATA)) - 16
+    end = len(content) - 16
     assert [pair for pair in changed if not len(DATA) < pair[0] < end] == []
 
 
 def test_every_changed_byte_is_refused_or_changes_nothing(
-    device: Device, run_import: Import, sweep: Sweep
+    device: Device, run_import: Import, content: bytes, sweep: Sweep
 ) -> None:
     tried, changed, cut = sweep("verify-signature", True, [0x20])
     print(
         f"{tried} packages with one byte changed or cut: {len(changed)} passed, changed in the armour's decoration"
     )
     assert cut == []
-    require_outside_the_data(changed)
-    require_the_same_installed(device, run_import, changed)
+    require_outside_the_data(content, changed)
+    require_the_same_installed(device, run_import, content, changed)
 
 
 @pytest.mark.full
-def test_every_change_of_every_byte(device: Device, run_import: Import, sweep: Sweep) -> None:
+def test_every_change_of_every_byte(
+    device: Device, run_import: Import, content: bytes, sweep: Sweep
+) -> None:
     tried, changed, _ = sweep("verify-signature", False, range(1, 256))
     one_of_each_place = list(dict(changed).items())
     print(
         f"{tried} packages with one byte changed: {len(changed)} passed, changed in {len(one_of_each_place)} places"
     )
-    require_outside_the_data(changed)
-    require_the_same_installed(device, run_import, one_of_each_place)
+    require_outside_the_data(content, changed)
+    require_the_same_installed(device, run_import, content, one_of_each_place)
 
 
 @pytest.mark.full
