@@ -91,15 +91,22 @@ static std::optional<std::string> read_run_mode(const std::string& app, VelkctlE
     return std::nullopt;
 }
 
+/** What start and stop begin with: the lock, then the name, then the state. */
+static std::optional<ServiceState> take_service(const std::string& app, OperationLock* lock, bool* was_active,
+                                                VelkctlError** error) {
+    if (!lock->take(NO_CLEAN_ON_FAILURE, error) || !is_valid_app_name(app, error))
+        return std::nullopt;
+    std::optional<ServiceState> service = service_name_and_active_state(app, error);
+    if (service && was_active)
+        *was_active = service->active;
+    return service;
+}
+
 static bool start_service(const std::string& app, bool* already_started, VelkctlError** error) {
     OperationLock lock;
-    if (!lock.take(NO_CLEAN_ON_FAILURE, error) || !is_valid_app_name(app, error))
-        return false;
-    const std::optional<ServiceState> service = service_name_and_active_state(app, error);
+    const std::optional<ServiceState> service = take_service(app, &lock, already_started, error);
     if (!service)
         return false;
-    if (already_started)
-        *already_started = service->active;
     const std::optional<std::string> mode = read_run_mode(app, error);
     if (!mode || !systemctl_enable(service->name, error))
         return false;
@@ -112,13 +119,9 @@ static bool start_service(const std::string& app, bool* already_started, Velkctl
 
 static bool stop_service(const std::string& app, bool* was_running, VelkctlError** error) {
     OperationLock lock;
-    if (!lock.take(NO_CLEAN_ON_FAILURE, error) || !is_valid_app_name(app, error))
-        return false;
-    const std::optional<ServiceState> service = service_name_and_active_state(app, error);
+    const std::optional<ServiceState> service = take_service(app, &lock, was_running, error);
     if (!service)
         return false;
-    if (was_running)
-        *was_running = service->active;
     // An application that was not running counts as wanted: it is what the web interface's switch has always
     // shown.
     if (!service->active)

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/paths.h"
+#include "base/quote.h"
 #include "integration/unit-text.h"
 #include "system/subprocess.h"
 
@@ -66,15 +67,7 @@ static std::string unit_path(const std::string& path) {
 /** A path in a list of paths, where a blank would begin the next one. Quoted only when it must be. */
 static std::string unit_path_in_list(const std::string& path) {
     std::string text = unit_path(path);
-    if (text.find_first_of(" \t\"'\\") == std::string::npos)
-        return text;
-    std::string quoted = "\"";
-    for (const char character : text) {
-        if (character == '"' || character == '\\')
-            quoted += '\\';
-        quoted += character;
-    }
-    return quoted + "\"";
+    return text.find_first_of(" \t\"'\\") == std::string::npos ? text : double_quoted(text);
 }
 
 std::optional<std::string> squashfs_unit_text(const SquashfsUnit& unit, VelkctlError** error) {

@@ -103,11 +103,6 @@ bool set_api_access_rights(const std::string& app, const std::vector<std::string
     return call_with_list("SetAPIAccessRights", app, methods, error);
 }
 
-std::optional<std::string> primary_group_of(const std::string& user, VelkctlError** error) {
-    const std::optional<UserEntry> entry = find_user(user, error);
-    return entry ? find_group_name(entry->primary_gid, error) : std::nullopt;
-}
-
 const char* find_denied_method_entry(const std::string& method) {
     const std::string lower = lower_cased(method);
     for (const char* entry : DENIED_METHODS)

@@ -29,9 +29,6 @@ struct AppUser {
 [[nodiscard]] bool set_api_access_rights(const std::string& app, const std::vector<std::string>& methods,
                                          VelkctlError** error);
 
-/** The name of the user's primary group; both lookups fail with code 10 and their own texts. */
-[[nodiscard]] std::optional<std::string> primary_group_of(const std::string& user, VelkctlError** error);
-
 /** The deny-list entry that forbids the bus method to applications, or null. */
 [[nodiscard]] const char* find_denied_method_entry(const std::string& method);
 

@@ -7,9 +7,6 @@
  * The web server's configuration snippets of an application, as pure functions.
  */
 
-/** A name or path inside double quotes, as the web server reads it back. */
-[[nodiscard]] std::string quote_for_web_server(const std::string& text);
-
 /** The lines that pass requests for the application's CGI programs, by their names, on to its own socket. */
 [[nodiscard]] std::string transfer_text(const std::string& app, const std::vector<std::string>& names);
 

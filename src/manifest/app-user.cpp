@@ -47,8 +47,7 @@ std::optional<std::string> application_username(const char* app_name, VelkctlErr
 
 std::optional<AppOwner> application_owner(const char* app_name, VelkctlError** error) {
     std::optional<std::string> user = application_username(app_name, error);
-    const std::optional<UserEntry> entry = user ? find_user(*user, error) : std::nullopt;
-    std::optional<std::string> group = entry ? find_group_name(entry->primary_gid, error) : std::nullopt;
+    std::optional<std::string> group = user ? primary_group_of(*user, error) : std::nullopt;
     if (!group)
         return std::nullopt;
     return AppOwner{std::move(*user), std::move(*group)};

@@ -33,6 +33,11 @@ std::optional<std::string> find_group_name(gid_t gid, VelkctlError** error) {
     return std::nullopt;
 }
 
+std::optional<std::string> primary_group_of(const std::string& user, VelkctlError** error) {
+    const std::optional<UserEntry> entry = find_user(user, error);
+    return entry ? find_group_name(entry->primary_gid, error) : std::nullopt;
+}
+
 gid_t find_group_id(const std::string& name, VelkctlError** error) {
     errno = 0;
     const group* entry = getgrnam(name.c_str());

@@ -23,6 +23,8 @@ struct UserEntry {
 
 [[nodiscard]] std::optional<UserEntry> find_user(const std::string& name, VelkctlError** error);
 [[nodiscard]] std::optional<std::string> find_group_name(gid_t gid, VelkctlError** error);
+/** The name of the user's primary group. */
+[[nodiscard]] std::optional<std::string> primary_group_of(const std::string& user, VelkctlError** error);
 /** The group id, or -1. */
 [[nodiscard]] gid_t find_group_id(const std::string& name, VelkctlError** error);
 /** The user id, or -1. */

@@ -109,6 +109,7 @@ class Device:
         files.update(extra)
         payload = self.folder / "payload"
         _copy_device_files(host.DEVICE / "files", payload)
+        _make_device_links(host.DEVICE / "links", payload)
         for path, (source, mode) in files.items():
             target = payload / path.lstrip("/")
             _make_parents(target, payload)
@@ -523,14 +524,23 @@ def _copy_device_files(source: Path, payload: Path) -> None:
             path = Path(folder) / name
             target = payload / path.relative_to(source)
             _make_parents(target, payload)
-            if path.is_symlink():
-                target.symlink_to(os.readlink(path))
-            elif path.is_dir():
+            if path.is_dir():
                 target.mkdir()
                 target.chmod(0o755)
             else:
                 shutil.copyfile(path, target)
                 target.chmod(0o755 if path.stat().st_mode & 0o100 else 0o644)
+
+
+def _make_device_links(listing: Path, payload: Path) -> None:
+    """Make the device's own links; a list of them survives whatever way a checkout is carried about."""
+    for line in listing.read_text(encoding="utf-8").splitlines():
+        words = line.split("#")[0].split()
+        if words:
+            path, to = words
+            target = payload / path.lstrip("/")
+            _make_parents(target, payload)
+            target.symlink_to(to)
 
 
 def _make_disk(path: Path) -> None:

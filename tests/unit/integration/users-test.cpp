@@ -166,10 +166,3 @@ TEST(StaticUser, MustBeOnTheAllowlist) {
               "13 Sample: User 'root' or Group 'root' is not in Allowlist|"
               "Sample: User 'root' or Group 'root' is not in Allowlist\n");
 }
-
-TEST(PrimaryGroup, IsTheOneOfTheUsersEntry) {
-    ErrorSlot error;
-    EXPECT_EQ(primary_group_of("root", error), "root");
-    EXPECT_FALSE(primary_group_of("no-such-user", error));
-    EXPECT_EQ(test::describe(error), "10 src/system/user-database.cpp:N: User no-such-user does not exist");
-}

@@ -6,13 +6,6 @@
 
 static std::string expected(const std::string& name) { return test::read_text(TEST_DATA_DIR "/web/" + name); }
 
-TEST(WebText, QuotesBackslashesAndQuotesOnly) {
-    EXPECT_EQ(quote_for_web_server(""), R"("")");
-    EXPECT_EQ(quote_for_web_server("a b.html"), R"("a b.html")");
-    EXPECT_EQ(quote_for_web_server(R"(a"b\c)"), R"("a\"b\\c")");
-    EXPECT_EQ(quote_for_web_server("$ä%'<>"), "\"$ä%'<>\"");
-}
-
 TEST(WebText, PassesTransferProgramsToTheApplicationsSocket) {
     EXPECT_EQ(transfer_text("Sample", {"upload.cgi", R"(sub/a "quoted" \ name)"}), expected("transfer.conf"));
 }

@@ -71,3 +71,10 @@ TEST(UserDatabase, TellsAFailedLookupFromAMissingName) {
                                  place + "Failed reading group entry no-such-group: Too many open files\n" +
                                  place + "Failed reading group entry 2000000123: Too many open files\n");
 }
+
+TEST(PrimaryGroup, IsTheOneOfTheUsersEntry) {
+    ErrorSlot error;
+    EXPECT_EQ(primary_group_of("root", error), "root");
+    EXPECT_FALSE(primary_group_of("no-such-user", error));
+    EXPECT_EQ(test::describe(error), "10 src/system/user-database.cpp:N: User no-such-user does not exist");
+}
