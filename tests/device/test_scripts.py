@@ -92,4 +92,4 @@ def test_200_descendants_that_heed_nothing_are_gone_within_a_second(
     assert (status, killed in log) == (15 if command == "setup" else 10, True)
     began = float(workshop.read(f"{STORE}/Sample/localdata/began"))
     assert TIMEOUT <= float(ended) - began < TIMEOUT + 1
-    assert outside(workshop, "Sample") == before
+    assert outside(workshop, "Sample") == before, log[-2000:]
