@@ -57,6 +57,7 @@ LEFT_IN_APPLICATION = {
     "localdata/*": "written by the application and its scripts",
     "html": "made by setup where the package has no pages",
     "html/LICENSE": "the link by which the web server shows the license",
+    "upper/html/*": "a copy of what the package has below, made by the overlay when setup gave it to another group",
     "html/*.cgi": "made empty for a handler that the package does not bring; the application may have written to it",
     "work": "the overlay's own, made by mounting it",
     "work/*": "the overlay's own",
