@@ -47,8 +47,8 @@ std::string access_rules_text(const std::vector<WebDirectory>& directories) {
     for (const WebDirectory& directory : directories) {
         text += "<Directory " + section_name(directory.path) + ">\n";
         for (const WebFile& file : directory.files)
-            text += "  <Files " + section_name(file.name) + ">\n    Require orvo-group " +
-                    file.access_group + "\n  </Files>\n";
+            text += "  <Files " + section_name(file.name) + ">\n    Require orvo-group " + file.access_group +
+                    "\n  </Files>\n";
         text += "</Directory>\n\n";
     }
     return text;
