@@ -8,8 +8,11 @@ from typing import Any
 import pytest
 from apps import app, without_place
 from setups import STORE, Put, codes, configured, fetch, set_up, velkctl, workshop
+from velkdevice import package
 from velkdevice.device import Device
 
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
+GUEST = "guestbook"
 DATA = Path(__file__).resolve().parents[1] / "data" / "web"
 RULES = "/etc/apache2/conf.d/vhosts/all/urls_Sample.conf"
 TRANSFER = "/etc/apache2/transfer/transfer_Sample.conf"
@@ -179,3 +182,34 @@ def test_a_link_in_the_pages_does_not_lead_out(workshop: Device, put_package: Pu
     assert velkctl(workshop, "setup", "Sample") == (
         1, f"code 1: Path {STORE}/Sample/html/out/x.cgi is outside of application directory {STORE}/Sample\n")  # fmt: skip
     assert workshop.sh("stat -c '%a %U:%G' /etc/velk /etc/hostname; ls /etc/velk").stdout == before
+
+
+# What each resource of the example asks for. The license is a link, which has no rule of its own: it is for every login.
+GUESTBOOK = {
+    "index.html": "viewer", "about/index.html": "viewer", "LICENSE": "viewer", "entries.cgi": "operator",
+    "book.cgi": "admin",
+}  # fmt: skip
+
+
+def test_who_gets_what_of_the_guest_book(pristine: Device, tmp_path: Path) -> None:
+    path = f"/tmp/{GUEST}.vlp"
+    pristine.copy_in(package.pack(EXAMPLES / GUEST, tmp_path / f"{GUEST}.vlp"), path)
+    pristine.velkctl("install", path).check()
+    try:
+        check_configuration(pristine)
+        pristine.velkctl("start", GUEST).check()
+        for handler in ("entries.cgi", "book.cgi"):
+            pristine.wait_for(lambda: fetch(pristine, f"/local/{GUEST}/{handler}", "admin")[0] == "200", handler)  # noqa: B023
+        found = {page: codes(pristine, f"/local/{GUEST}/{page}") for page in GUESTBOOK}
+        assert found == {page: ALLOWED[access] for page, access in GUESTBOOK.items()}
+        for text in ("Anna was here", "ünï " * 300):
+            assert fetch(pristine, f"/local/{GUEST}/entries.cgi?a=b", "operator", "--data-binary", text)[0] == "200"
+        book = "Anna was here\n" + "ünï " * 300 + "\n"
+        assert fetch(pristine, f"/local/{GUEST}/entries.cgi", "operator") == ("200", book)
+        assert fetch(pristine, f"/local/{GUEST}/book.cgi", "admin") == ("200", book)
+        pristine.velkctl("teardown", GUEST).check()
+        pristine.wait_for(lambda: codes(pristine, f"/local/{GUEST}/index.html") == GONE, "the pages to be gone")
+        assert {page: codes(pristine, f"/local/{GUEST}/{page}") for page in GUESTBOOK} == dict.fromkeys(GUESTBOOK, GONE)
+    finally:
+        pristine.velkctl("uninstall", GUEST).check()
+        pristine.sh(f"rm {path}").check()
