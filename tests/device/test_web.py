@@ -12,7 +12,7 @@ from velkdevice import package
 from velkdevice.device import Device
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
-GUEST = "guestbook"
+NOTES = "notes"
 DATA = Path(__file__).resolve().parents[1] / "data" / "web"
 RULES = "/etc/apache2/conf.d/vhosts/all/urls_Sample.conf"
 TRANSFER = "/etc/apache2/transfer/transfer_Sample.conf"
@@ -185,31 +185,31 @@ def test_a_link_in_the_pages_does_not_lead_out(workshop: Device, put_package: Pu
 
 
 # What each resource of the example asks for. The license is a link, which has no rule of its own: it is for every login.
-GUESTBOOK = {
-    "index.html": "viewer", "about/index.html": "viewer", "LICENSE": "viewer", "entries.cgi": "operator",
-    "book.cgi": "admin",
+RESOURCES = {
+    "index.html": "viewer", "about/index.html": "viewer", "LICENSE": "viewer", "notes.cgi": "operator",
+    "time.cgi": "viewer",
 }  # fmt: skip
 
 
-def test_who_gets_what_of_the_guest_book(pristine: Device, tmp_path: Path) -> None:
-    path = f"/tmp/{GUEST}.vlp"
-    pristine.copy_in(package.pack(EXAMPLES / GUEST, tmp_path / f"{GUEST}.vlp"), path)
+def test_who_gets_what_of_an_example(pristine: Device, tmp_path: Path) -> None:
+    path = f"/tmp/{NOTES}.vlp"
+    pristine.copy_in(package.pack(EXAMPLES / NOTES, tmp_path / f"{NOTES}.vlp"), path)
     pristine.velkctl("install", path).check()
     try:
         check_configuration(pristine)
-        pristine.velkctl("start", GUEST).check()
-        for handler in ("entries.cgi", "book.cgi"):
-            pristine.wait_for(lambda: fetch(pristine, f"/local/{GUEST}/{handler}", "admin")[0] == "200", handler)  # noqa: B023
-        found = {page: codes(pristine, f"/local/{GUEST}/{page}") for page in GUESTBOOK}
-        assert found == {page: ALLOWED[access] for page, access in GUESTBOOK.items()}
-        for text in ("Anna was here", "ünï " * 300):
-            assert fetch(pristine, f"/local/{GUEST}/entries.cgi?a=b", "operator", "--data-binary", text)[0] == "200"
-        book = "Anna was here\n" + "ünï " * 300 + "\n"
-        assert fetch(pristine, f"/local/{GUEST}/entries.cgi", "operator") == ("200", book)
-        assert fetch(pristine, f"/local/{GUEST}/book.cgi", "admin") == ("200", book)
-        pristine.velkctl("teardown", GUEST).check()
-        pristine.wait_for(lambda: codes(pristine, f"/local/{GUEST}/index.html") == GONE, "the pages to be gone")
-        assert {page: codes(pristine, f"/local/{GUEST}/{page}") for page in GUESTBOOK} == dict.fromkeys(GUESTBOOK, GONE)
+        pristine.velkctl("start", NOTES).check()
+        for handler in ("notes.cgi", "time.cgi"):
+            pristine.wait_for(lambda: fetch(pristine, f"/local/{NOTES}/{handler}", "admin")[0] == "200", handler)  # noqa: B023
+        found = {page: codes(pristine, f"/local/{NOTES}/{page}") for page in RESOURCES}
+        assert found == {page: ALLOWED[access] for page, access in RESOURCES.items()}
+        long = " ".join(["ünï"] * 300)
+        for text in ("Anna was here", long):
+            assert fetch(pristine, f"/local/{NOTES}/notes.cgi?a=b", "operator", "--data-binary", text)[0] == "200"
+        assert fetch(pristine, f"/local/{NOTES}/notes.cgi", "operator") == ("200", f"Anna was here\n{long}\n")
+        pristine.velkctl("teardown", NOTES).check()
+        pristine.wait_for(lambda: codes(pristine, f"/local/{NOTES}/index.html") == GONE, "the pages to be gone")
+        found = {page: codes(pristine, f"/local/{NOTES}/{page}") for page in RESOURCES}
+        assert found == dict.fromkeys(RESOURCES, GONE)
     finally:
-        pristine.velkctl("uninstall", GUEST).check()
+        pristine.velkctl("uninstall", NOTES).check()
         pristine.sh(f"rm {path}").check()
