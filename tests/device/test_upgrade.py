@@ -14,7 +14,7 @@ from typing import Any
 import pytest
 from apps import LOCK, app, example, installation, is_locked, stored, uninstallation, without_place
 from setups import STORE, UNITS, Put, changed, failing, fetch, outside, program, section, velkctl
-from store_support import CARD2, tree
+from store_support import CARD, CARD2, tree
 from velkdevice import snapshot
 from velkdevice.device import Device
 
@@ -68,8 +68,9 @@ def start(device: Device, name: str = "hello") -> None:
 
 def answer(device: Device) -> str:
     """What the example application answers after one more start; it is stopped again."""
-    start(device)
     page = f"{HELLO}/html/status.txt"
+    device.sh(f": >{page}").check()
+    start(device)
     device.wait_for(lambda: "start number" in device.read(page), "the application to write its page")
     code, text = fetch(device, "/local/hello/status.txt", "admin")
     assert code == "200"
@@ -477,3 +478,28 @@ def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:
     assert (status, told.splitlines()[-1]) == (
         10, "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample")  # fmt: skip
     assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
+
+
+# --- data on a card ---
+
+
+def test_data_on_a_card_follows_its_application_to_a_new_user_number(camera: Device, put_package: Put) -> None:
+    """Setup gives the card's own files to the user; what was written before lies in another layer, with the old number."""
+    camera.insert_card()
+    try:
+        install(camera, put_package, hello("sd_card1"), "sd_card1")
+        assert answer(camera) == "Hello, this is start number 1.\n"
+        camera.velkctl("teardown", "hello").check()
+        old = camera.sh(f"stat -c %u {CARD}/hello/upper/localdata/starts").check().stdout
+        install(camera, put_package, app("Sample"), "internal")  # takes the number over
+        assert camera.run(["id", "-u", "velk-sample"]).stdout == old
+        camera.velkctl("setup", "hello").check()
+        assert camera.sh(f"stat -c %U {HELLO}/localdata/starts").stdout == "velk-hello\n"
+        change_greeting(camera, "Good day")  # the settings went with the teardown
+        assert answer(camera) == "Good day, this is start number 2.\n"
+        # What is the system's own stays so, and what is the web server's.
+        shown = camera.sh(f"cd {CARD}/hello/upper; stat -c '%n %U:%G' conf/runstate.conf html/status.txt").stdout
+        assert shown == "conf/runstate.conf root:root\nhtml/status.txt velk-hello:www\n"
+    finally:
+        camera.velkctl("uninstall", "hello")
+        camera.remove_card()
