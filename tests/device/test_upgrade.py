@@ -489,17 +489,21 @@ def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:
     assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
 
 
-# --- data on a card ---
+# --- data in a layer of its own ---
 
 
-def test_data_on_a_card_follows_its_application_to_a_new_user_number(camera: Device, put_package: Put) -> None:
-    """Setup gives the card's own files to the user; what was written before lies in another layer, with the old number."""
+@pytest.mark.parametrize("location", ["sd_card1", "internal_vlpfs"])
+def test_written_data_follows_its_application_to_a_new_user_number(camera: Device, put_package: Put, location: str) -> None:
+    """Setup gives the package's files to the user; what was written lies in another layer, with the old number."""
+    settings = camera.read(SETTINGS)
+    allow_unsigned(camera)
     camera.insert_card()
+    upper = f"{PLACES[location]}/hello/upper"
     try:
-        install(camera, put_package, hello("sd_card1"), "sd_card1")
+        install(camera, put_package, hello(location), location)
         assert answer(camera) == "Hello, this is start number 1.\n"
         camera.velkctl("teardown", "hello").check()
-        old = camera.sh(f"stat -c %u {CARD}/hello/upper/localdata/starts").check().stdout
+        old = camera.sh(f"stat -c %u {upper}/localdata/starts").check().stdout
         install(camera, put_package, app("Sample"), "internal")  # takes the number over
         assert camera.run(["id", "-u", "velk-sample"]).stdout == old
         camera.velkctl("setup", "hello").check()
@@ -507,8 +511,9 @@ def test_data_on_a_card_follows_its_application_to_a_new_user_number(camera: Dev
         change_greeting(camera, "Good day")  # the settings went with the teardown
         assert answer(camera) == "Good day, this is start number 2.\n"
         # What is the system's own stays so, and what is the web server's.
-        shown = camera.sh(f"cd {CARD}/hello/upper; stat -c '%n %U:%G' conf/runstate.conf html/status.txt").stdout
+        shown = camera.sh(f"cd {upper}; stat -c '%n %U:%G' conf/runstate.conf html/status.txt").stdout
         assert shown == "conf/runstate.conf root:root\nhtml/status.txt velk-hello:www\n"
     finally:
         camera.velkctl("uninstall", "hello")
         camera.remove_card()
+        camera.write(SETTINGS, settings)
