@@ -96,7 +96,10 @@ def _one_folder(report: Any, velk_pack: str, noise: bool) -> None:
         hand = best[f"{what} by hand"]
         note = f"{best[what] * 1e3:.0f} ms and {hand * 1e3:.0f} ms"
         label = f"`velk-pack {what}` of {MEGABYTES} MB of {kind} beside the same by hand"
-        report.bound(label, best[what] / hand, PACK_RATIO, " times", note)
+        if what in ("build", "sign"):
+            report.bound(label, best[what] / hand, PACK_RATIO, " times", note)
+        else:
+            report.say(f"| {label} | {best[what] / hand:.2f} times | - |  | {note} |")
 
 
 def packing(report: Any, build: Path) -> None:
