@@ -41,7 +41,7 @@ void ReadFile(benchmark::State& state) {
         benchmark::DoNotOptimize(read_file(file.path(), nullptr));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(ReadFile)->Arg(1 << 10)->Arg(1 << 20);
+BENCHMARK(ReadFile)->Arg(1 << 10)->Arg(64 << 10);
 
 void ReadFileByHand(benchmark::State& state) {
     const ScratchFile file(static_cast<size_t>(state.range(0)));
@@ -53,7 +53,7 @@ void ReadFileByHand(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(ReadFileByHand)->Arg(1 << 10)->Arg(1 << 20);
+BENCHMARK(ReadFileByHand)->Arg(1 << 10)->Arg(64 << 10);
 
 void CheckArgument(benchmark::State& state) {
     for (auto _ : state)

@@ -128,7 +128,20 @@ Outcome modify_user(const std::string& user, const std::vector<std::string>& gro
     return run({"usermod", "--groups", joined(groups, ','), "--", user});
 }
 
+/** End what the system itself runs for the user: the manager of its session, if it has one. */
+void end_session(const std::string& user) {
+    const passwd* entry = getpwnam(user.c_str());
+    if (entry == nullptr) {
+        return;
+    }
+    const std::string uid = std::to_string(entry->pw_uid);
+    if (access(("/run/user/" + uid).c_str(), F_OK) == 0) {
+        run({"systemctl", "stop", "user@" + uid + ".service"});
+    }
+}
+
 Outcome remove_user(const std::string& user) {
+    end_session(user);
     if (auto failure = run({"userdel", "--", user})) {
         return failure;
     }

@@ -59,11 +59,11 @@ bool create_card_units(UnitJob* job, VelkctlError** error) {
     const std::string& app = job->parsed.appName;
     const std::string polling = disk_polling_unit_name(app);
     const std::string overlay = mount_unit_name(job->directory);
-    if (!write_unit(polling, disk_polling_unit_text(job->location->disk, error), error) ||
-        !remove_if_symlink(job->directory, error))
-        return false;
     const OverlayUnit unit{app, job->directory, store_path(app, job->location), polling};
-    if (!write_unit(overlay, card_overlay_unit_text(unit, error), error))
+    // The link goes last: where it is missing there is a unit of the directory, by which teardown knows it.
+    if (!write_unit(polling, disk_polling_unit_text(job->location->disk, error), error) ||
+        !write_unit(overlay, card_overlay_unit_text(unit, error), error) ||
+        !remove_if_symlink(job->directory, error))
         return false;
     bring_up_overlay(overlay);
     job->overlay_unit = overlay;
@@ -321,10 +321,11 @@ bool create_package_contents_mounts(const ParsedManifest& parsed, const StoreLoc
     const std::string contents_unit = mount_unit_name(contents.mount_point);
     const std::string overlay_unit = mount_unit_name(directory);
     const OverlayUnit overlay{app, directory, layers, contents_unit};
-    if (!require_path(contents.package, error) || !remove_if_symlink(directory, error) ||
-        !look_up_contents_owners(&contents, user, error) ||
+    // The link goes last here too.
+    if (!require_path(contents.package, error) || !look_up_contents_owners(&contents, user, error) ||
         !write_unit(contents_unit, contents_unit_text(contents, error), error) ||
-        !write_unit(overlay_unit, layer_overlay_unit_text(overlay, error), error))
+        !write_unit(overlay_unit, layer_overlay_unit_text(overlay, error), error) ||
+        !remove_if_symlink(directory, error))
         return false;
     for (const std::string& path : {directory, layers + "/lower", layers + "/upper", layers + "/work"})
         if (!make_reserved_dir(path, 0755, error))
@@ -349,6 +350,14 @@ bool unmount_directory(const std::string& directory) {
         return true;
     log_warning("Leaving behind non-empty directory %s", directory.c_str());
     return false;
+}
+
+void restore_unmounted_link(const std::string& app, const StoreLocation* location) {
+    const std::string directory = paths::store_root_path(app);
+    ErrorSlot mounted;
+    if (location->subdir && is_regular_file(unit_file(mount_unit_name(directory))) &&
+        remove_empty_dir(directory, mounted))
+        (void)restore_store_link(app, location);
 }
 
 bool teardown_systemd(const std::string& app, const StoreLocation* location, VelkctlError** error) {

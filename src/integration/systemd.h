@@ -42,6 +42,13 @@ inline constexpr uint32_t FEATURE_SCRIPT_PERMISSIONS = 2;
 bool unmount_directory(const std::string& directory);
 
 /**
+ * Put the store's link back where setup took it away for a mount that does not stand there: a setup failed or
+ * died on the way to it, or it did not come up. Over the link the application and its manifest are found
+ * again. Does nothing where something is mounted, and a failure is a warning.
+ */
+void restore_unmounted_link(const std::string& app, const StoreLocation* location);
+
+/**
  * Stop and remove everything that create_squashfs_mount_units and create_package_contents_mounts made, and
  * put the store's link back in the place of a mount. Goes on past every failure, which is a warning.
  *

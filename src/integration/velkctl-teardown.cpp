@@ -45,6 +45,16 @@ bool stop_if_running(const std::string& app, VelkctlError** error) {
     return active && (!*active || velkctl_stop(app, nullptr, error) == 0);
 }
 
+/** Take the lock; the application must be in the store. */
+bool begin(const std::string& app, OperationLock* lock, VelkctlError** error) {
+    if (!lock->take(app, error))
+        return false;
+    ErrorSlot nowhere;
+    if (const StoreLocation* location = find_app_location(app, nowhere))
+        restore_unmounted_link(app, location);
+    return require_app_present(app, error);
+}
+
 void read_teardown_manifest(Teardown* teardown) {
     ErrorSlot error;
     const JsonPtr manifest = load_installed_manifest(teardown->app, error);
@@ -127,8 +137,7 @@ void reload_services(Teardown* teardown) {
 
 bool tear_down(const std::string& app, bool reload, bool persist_user, VelkctlError** error) {
     OperationLock lock;
-    if (!is_valid_app_name(app, error) || !stop_if_running(app, error) || !lock.take(app, error) ||
-        !require_app_present(app, error))
+    if (!is_valid_app_name(app, error) || !stop_if_running(app, error) || !begin(app, &lock, error))
         return false;
     Teardown teardown{.app = app, .directory = paths::store_root_path(app)};
     read_teardown_manifest(&teardown);

@@ -1,6 +1,7 @@
 #include "lifecycle/preinstalled.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "base/log.h"

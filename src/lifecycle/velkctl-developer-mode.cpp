@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <cstdlib>
+
 #include "base/handles.h"
 #include "base/log.h"
 #include "base/paths.h"

@@ -1,5 +1,6 @@
 #include "lifecycle/velkctl-firmware-compatibility.h"
 
+#include <cstdlib>
 #include <set>
 
 #include "base/handles.h"

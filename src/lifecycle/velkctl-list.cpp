@@ -1,6 +1,7 @@
 #include "lifecycle/velkctl-list.h"
 
 #include <cassert>
+#include <cstdlib>
 #include <set>
 #include <vector>
 

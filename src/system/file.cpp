@@ -24,18 +24,19 @@ static constexpr gid_t kKeepGroup = static_cast<gid_t>(-1);
 std::optional<std::string> read_file(const std::string& path, VelkctlError** error) {
     const FilePtr file(std::fopen(path.c_str(), "re"));
     std::string text;
-    size_t got = kReadStep;
-    while (file && got == kReadStep) {
+    bool more = file != nullptr;
+    for (size_t step = kReadStep; more; step += kReadStep) {
         const size_t length = text.size();
         try {
-            text.resize(length + kReadStep);
+            text.resize(length + step);
         } catch (const std::bad_alloc&) {
-            SET_GENERAL_ERROR(error, "Failed to allocate %zu bytes when reading from %s", length + kReadStep,
+            SET_GENERAL_ERROR(error, "Failed to allocate %zu bytes when reading from %s", length + step,
                               path.c_str());
             return std::nullopt;
         }
-        got = std::fread(text.data() + length, 1, kReadStep, file.get());
+        const size_t got = std::fread(text.data() + length, 1, step, file.get());
         text.resize(length + got);
+        more = got == step;
     }
     // A directory opens, and only reading tells that there is nothing to read.
     if (!file || std::ferror(file.get())) {

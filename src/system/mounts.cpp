@@ -3,6 +3,8 @@
 #include <mntent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <string_view>
 

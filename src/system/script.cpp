@@ -8,6 +8,7 @@
 #include <sysexits.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cinttypes>
@@ -20,6 +21,10 @@
 #include "system/file.h"
 #include "system/subprocess.h"
 #include "system/user-database.h"
+
+// A second in all.
+static constexpr int DEATH_TRIES = 100;
+static constexpr useconds_t DEATH_PAUSE_US = 10'000;
 
 std::vector<int32_t> split_string_and_decode_pids(const char* space_separated_pids) {
     assert(space_separated_pids);
@@ -50,12 +55,34 @@ std::vector<int32_t> get_child_pids(pid_t pid) {
     return split_string_and_decode_pids(text.c_str());
 }
 
-void kill_process_tree(pid_t pid) {
+static void kill_tree(pid_t pid, std::vector<pid_t>* killed) {
     for (const int32_t child : get_child_pids(pid))
         if (child > 0)  // a negative id would name a process group
-            kill_process_tree(child);
+            kill_tree(child, killed);
     log_info("Sending signal %d to process %jd", SIGKILL, static_cast<intmax_t>(pid));
     kill(pid, SIGKILL);
+    killed->push_back(pid);
+}
+
+/** Whether the process still runs; one that only waits for its parent to notice its end does not. */
+static bool is_alive(pid_t pid) {
+    ErrorSlot gone;
+    const std::string status =
+        read_file(std::string(paths::kProcesses) + "/" + std::to_string(pid) + "/stat", gone).value_or("");
+    const size_t name_end = status.rfind(") ");  // the name may hold anything
+    return name_end != std::string::npos && status.find_first_of("ZX", name_end + 2) != name_end + 2;
+}
+
+// A killed process still ends a little later, and until then its user counts as busy and cannot be removed.
+static void await_death(const std::vector<pid_t>& killed) {
+    for (int tries = 0; tries < DEATH_TRIES && std::any_of(killed.begin(), killed.end(), is_alive); tries++)
+        usleep(DEATH_PAUSE_US);
+}
+
+void kill_process_tree(pid_t pid) {
+    std::vector<pid_t> killed;
+    kill_tree(pid, &killed);
+    await_death(killed);
 }
 
 static bool become_user(const UserEntry& user) {

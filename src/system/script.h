@@ -32,7 +32,10 @@ struct ScriptRunOptions {
                                       const std::string& user, ScriptRunOptions options,
                                       VelkctlError** error);
 
-/** Kill a process and all its descendants, descendants first, so that none is re-parented out of sight. */
+/**
+ * Kill a process and all its descendants, descendants first, so that none is re-parented out of sight, and
+ * give them up to a second to be gone. None is reaped here.
+ */
 void kill_process_tree(pid_t pid);
 
 /** The ids of the children of all threads of `pid`, ended by a zero; only the zero for a process that is

@@ -2,12 +2,15 @@
 
 from __future__ import annotations
 
+import json
 import re
+from pathlib import Path
 from typing import Any
 
 from velkdevice import package
 from velkdevice.device import Device
 
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 LOCK = "/usr/local/packages/_lock/velkctl"
 
 
@@ -15,6 +18,17 @@ def app(name: str = "Sample", **settings: Any) -> dict[str, Any]:
     """The files of a complete small application."""
     files = package.application(name, **settings)
     files["package.conf"] = f'APPNAME="{name}"\n'
+    return files
+
+
+def example(name: str, **settings: Any) -> dict[str, Any]:
+    """The files of an example application; `settings` go into its manifest's setup."""
+    folder = EXAMPLES / name
+    files: dict[str, Any] = {
+        str(path.relative_to(folder)): path.read_bytes() for path in sorted(folder.rglob("*")) if path.is_file()
+    }
+    files["manifest.json"] = json.loads(files["manifest.json"])
+    files["manifest.json"]["velkPackageConf"]["setup"].update(settings)
     return files
 
 

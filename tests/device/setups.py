@@ -126,6 +126,15 @@ def codes(device: Device, path: str) -> list[str]:
     return [fetch(device, path, user)[0] for user in (None, "viewer", "operator", "admin")]
 
 
+def own(device: Device, service: str, user: str) -> bool:
+    """Whether the user may own the name on the bus."""
+    call = ["busctl", "call", "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName", "su", service, "4"]
+    result = device.run(call, user=user)
+    assert (result.status == 0) != ("AccessDenied" in result.stderr or "Access denied" in result.stderr
+                                    or "not allowed to own" in result.stderr), result  # fmt: skip
+    return result.status == 0
+
+
 def show(device: Device, unit: str, *keys: str) -> list[str]:
     """Properties of a unit as systemd holds them."""
     arguments = [part for key in keys for part in ("-p", key)]

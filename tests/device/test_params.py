@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 from apps import app
-from setups import STORE, Put, configured, outside, set_up, store_app, velkctl, workshop
+from setups import STORE, Put, configured, outside, own, set_up, store_app, velkctl, workshop
 from velkdevice.device import Device
 
 DATA = Path(__file__).resolve().parents[1] / "data" / "params"
@@ -75,16 +75,6 @@ def test_a_broken_rule(workshop: Device, put_package: Put, parameters: list[obje
     before = outside(workshop, "Sample")
     assert velkctl(workshop, "setup", "Sample") == (29, f"code 29: {text}\n")
     assert outside(workshop, "Sample") == before
-
-
-def own(device: Device, service: str, user: str) -> bool:
-    call = ["busctl", "call", "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName", "su", service, "4"]
-    result = device.run(call, user=user)
-    assert (result.status == 0) != ("AccessDenied" in result.stderr or "Access denied" in result.stderr
-                                    or "not allowed to own" in result.stderr), result  # fmt: skip
-    return result.status == 0
-
-
 
 
 def test_only_the_user_and_root_own_the_service(low: Device, put_package: Put) -> None:

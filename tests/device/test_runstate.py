@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import json
+
 import pytest
 from apps import LOCK, app, is_locked
 from setups import STORE, UNITS, Put, program, set_up, store_app, velkctl, workshop
@@ -146,12 +148,47 @@ def test_after_its_end_it_runs_again_by_its_mode(
     workshop.sh(f"systemctl reset-failed {UNIT}")
 
 
-def test_it_runs_after_a_reboot_when_it_is_enabled(fresh_device: Device, put_package: Put) -> None:
-    modes = ["once", "respawn", "respawnOnFailure", "never"]
-    for mode in modes:
-        set_up(fresh_device, put_package, app(mode.capitalize(), runMode=mode))
-        fresh_device.velkctl("start", mode.capitalize()).check()
+@pytest.mark.parametrize(("mode", "after"), [
+    ("once", "failed"), ("respawn", "active"), ("respawnOnFailure", "active"), ("never", "failed")])  # fmt: skip
+def test_killed_it_runs_again_by_its_mode(workshop: Device, put_package: Put, mode: str, after: str) -> None:
+    """A crash changes nothing of what is wanted at boot, nor of the record."""
+    set_up(workshop, put_package, app(runMode=mode))
+    workshop.velkctl("start", "Sample").check()
+    before, pid = state(workshop), main_pid(workshop)
+    workshop.run(["kill", "-SEGV", pid]).check()
+    workshop.wait_for(lambda: state(workshop)[0] == after and main_pid(workshop) != pid, f"it to be {after}")
+    assert state(workshop)[1:] == before[1:]
+    if after == "failed":
+        # It counts as stopped: start brings it up again, whatever it ended with.
+        assert velkctl(workshop, "start", "Sample") == (0, "Started application Sample\n")
+    assert state(workshop)[0] == "active"
+
+
+# What was done to an application before the reboot, and its listing after it: status and autostart.
+BEFORE_REBOOT = {
+    "untouched": ([], ("Stopped", "Disabled")),
+    "started": (["start"], ("Running", "Enabled")),
+    "stopped": (["start", "stop"], ("Stopped", "Disabled")),
+    # Stopping what does not run records it as wanted; the service manager is not told, so it does not come up.
+    "stopped twice": (["start", "stop", "stop"], ("Stopped", "Enabled")),
+    "crashed": (["start", "kill"], ("Running", "Enabled")),
+}
+
+
+def test_after_a_reboot_it_runs_when_it_was_started_and_not_stopped(fresh_device: Device, put_package: Put) -> None:
+    wanted = {}
+    for number, (commands, shown) in enumerate(BEFORE_REBOOT.values()):
+        for mode in ("once", "respawn", "respawnOnFailure", "never") if commands == ["start"] else ("once", "never"):
+            name = f"{mode.capitalize()}{number}"
+            set_up(fresh_device, put_package, app(name, runMode=mode))
+            for command in commands:
+                if command == "kill":
+                    fresh_device.run(["systemctl", "kill", "-s", "KILL", f"sdk{name}.service"]).check()
+                else:
+                    assert fresh_device.velkctl(command, name).status in (0, 7)
+            # What is never to run at boot does not, and says so.
+            wanted[name] = ("Stopped", "Disabled") if mode == "never" and "Running" in shown else shown
     fresh_device.reboot()
     fresh_device.settle()
-    units = [f"sdk{mode.capitalize()}.service" for mode in modes]
-    assert fresh_device.run(["systemctl", "is-active", *units]).stdout.split() == ["active"] * 3 + ["inactive"]
+    listed = json.loads(fresh_device.velkctl("list").check().stdout)
+    assert {one["appName"]: (one["status"], one["autostart"]) for one in listed} == wanted

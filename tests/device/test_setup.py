@@ -390,25 +390,51 @@ def test_the_second_card_has_no_application_to_set_up(fresh_device: Device, put_
     assert not is_locked(device)
 
 
-def test_squash_images_are_mounted_read_only_at_their_points(
-    workshop: Device, put_package: Put, tmp_path: Path
-) -> None:
+@pytest.fixture
+def image(workshop: Device, tmp_path: Path) -> bytes:
+    """A squash image of one file."""
     workshop.sh("mkdir /tmp/squash && echo inside >/tmp/squash/file && "
                 "mksquashfs /tmp/squash /tmp/squash.img -quiet -no-progress").check()  # fmt: skip
     workshop.copy_out("/tmp/squash.img", tmp_path / "image")
     workshop.sh("rm -r /tmp/squash /tmp/squash.img").check()
+    return (tmp_path / "image").read_bytes()
+
+
+def check_images(device: Device, *points: str) -> None:
+    """At each mount point there is the image, to read only."""
+    for point in points:
+        assert device.read(f"{STORE}/Sample/{point}/file") == "inside\n"
+        options = device.run(["findmnt", "-n", "-o", "FSTYPE,OPTIONS", f"{STORE}/Sample/{point}"]).stdout.split()
+        assert options[0] == "squashfs"
+        assert {"ro", "nosuid", "nodev"} <= set(options[1].split(","))
+
+
+def test_squash_images_are_mounted_read_only_at_their_points(workshop: Device, put_package: Put, image: bytes) -> None:
     files = configured(squashfsMounts=[{"path": "images/db.sqfs", "mountpoint": "data/db"},
                                        {"path": "/images/db.sqfs", "mountpoint": "plain"}])  # fmt: skip
-    files |= {"images/db.sqfs": (tmp_path / "image").read_bytes(), "data/db/": "", "plain/": ""}
+    files |= {"images/db.sqfs": image, "data/db/": "", "plain/": ""}
     set_up(workshop, put_package, files)
     units = ["usr-local-packages-Sample-data-db.mount", "usr-local-packages-Sample-plain.mount"]
     assert workshop.read(f"{UNITS}/{units[0]}") == expected("squashfs.mount")
     assert (lambda result: (result.status, result.stderr))(verify(workshop, "sdkSample.service", *units)) == (0, "")
     workshop.velkctl("start", "Sample").check()
-    for point in ("data/db", "plain"):
-        assert workshop.read(f"{STORE}/Sample/{point}/file") == "inside\n"
-        options = workshop.run(["findmnt", "-n", "-o", "FSTYPE,OPTIONS", f"{STORE}/Sample/{point}"]).stdout.split()
-        assert options[0] == "squashfs"
-        assert {"ro", "nosuid", "nodev"} <= set(options[1].split(","))
+    check_images(workshop, "data/db", "plain")
     assert velkctl(workshop, "teardown", "Sample")[0] == 0
     assert not any(workshop.exists(f"{UNITS}/{unit}") for unit in units)
+
+
+def test_a_squash_image_on_a_card_is_mounted_again_after_a_reboot(
+    fresh_device: Device, put_package: Put, image: bytes
+) -> None:
+    device = fresh_device
+    device.insert_card()
+    files = configured(squashfsMounts=[{"path": "images/db.sqfs", "mountpoint": "data/db"}])
+    files["manifest.json"]["velkPackageConf"]["setup"]["runMode"] = "respawn"
+    set_up(device, put_package, files | {"images/db.sqfs": image, "data/db/": ""}, "sd_card1")
+    device.velkctl("start", "Sample").check()
+    check_images(device, "data/db")
+    device.reboot()
+    device.wait_for(lambda: device.run(["systemctl", "is-active", "sdkSample"]).stdout == "active\n", "the application")
+    check_images(device, "data/db")
+    assert velkctl(device, "uninstall", "Sample")[0] == 0
+    assert device.sh(f"ls -A {UNITS} | grep Sample").stdout == ""

@@ -219,6 +219,76 @@ def test_a_step_that_fails_is_a_warning_and_the_rest_goes(
     assert outside(workshop, "Sample") == before
 
 
+def test_a_docker_socket_that_stays_is_a_failure(workshop: Device, put_package: Put) -> None:
+    tools: dict[str, Any] = {"docker": "#!/bin/sh\n", "docker-compose": "#!/bin/sh\n"}
+    workshop.sh("mkdir -p /usr/local/lib/docker/cli-plugins").check()
+    try:
+        set_up(workshop, put_package, configured(containers={"createDockerSymlinks": True}) | tools)
+        workshop.sh("mkdir /run/docker.sock").check()
+        assert velkctl(workshop, "teardown", "Sample") == (
+            10, "Failed to teardown docker setup during teardown of Sample: src/system/file.cpp: Failed removing "
+            f"/var/run/docker.sock: Is a directory\n{SUMMARY}")  # fmt: skip
+    finally:
+        workshop.sh("rm -rf /run/docker.sock /usr/local/lib/docker").check()
+
+
+def test_a_service_manager_that_does_not_reload_is_a_failure(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app())
+    with program(workshop, "systemctl", '[ "$1" = daemon-reload ] && exit 3\nexec "$REAL" "$@"\n') as env:
+        status, told = velkctl(workshop, "teardown", "Sample", env=env)
+    assert status == 10
+    assert told.startswith("Failed to reload the systemd manager configuration during teardown of Sample: "
+                           "src/system/subprocess.cpp: Failed running \"systemctl daemon-reload\"")  # fmt: skip
+    assert told.endswith(SUMMARY)
+    assert not workshop.exists(f"{UNITS}/sdkSample.service")
+    workshop.run(["systemctl", "daemon-reload"]).check()
+
+
+# What is wrong with each step at once, and how it is put right.
+ALL_WRONG = f"""
+    set -e
+    echo 'no library' >/usr/lib/velkctl/plugins/Broken.so
+    rm /etc/dynamic/Sample.conf && mkdir /etc/dynamic/Sample.conf
+    mkdir /etc/apache2/fcgi/fcgi_Sample.conf /run/docker.sock
+    mv /etc/subgid /etc/subgid.away
+    rm {UNITS}/sdkSample.service && mkdir {UNITS}/sdkSample.service
+    mkdir -p /run/orvo-test/fail && echo 'Not today' >/run/orvo-test/fail/RemoveUser
+"""
+ALL_RIGHT = f"""
+    rm -r /usr/lib/velkctl/plugins/Broken.so /etc/dynamic/Sample.conf /etc/apache2/fcgi/fcgi_Sample.conf /run/docker.sock
+    rm -rf /etc/subgid {UNITS}/sdkSample.service /run/orvo-test
+    mv /etc/subgid.away /etc/subgid
+"""
+PREAMBLES = [
+    "run remove for plugins", "run pre-uninstall script", "teardown params", "teardown http setup",
+    "teardown docker setup", "teardown subuid/subgid", "teardown user", "teardown systemd",
+    "reload the systemd manager configuration",
+]  # fmt: skip
+
+
+def test_every_step_fails_and_each_is_tried(workshop: Device, put_package: Put) -> None:
+    files = configured(containers={"containerHost": True, "createDockerSymlinks": True})
+    files |= {"docker": "#!/bin/sh\n", "docker-compose": "#!/bin/sh\n"}
+    store_app(workshop, put_package, files)
+    workshop.sh("mkdir -p /usr/local/lib/docker/cli-plugins").check()
+    before = outside(workshop, "Sample")
+    workshop.velkctl("setup", "Sample").check()
+    workshop.sh(ALL_WRONG).check()
+    script = '[ "$1" = daemon-reload ] && exit 3\nexec "$REAL" "$@"\n'
+    try:
+        with changed(workshop, SETTINGS, "[Install]\n"), program(workshop, "systemctl", script) as env:
+            status, told = velkctl(workshop, "teardown", "Sample", env=env)
+    finally:
+        workshop.sh(ALL_RIGHT).check()
+    lines = [line for line in told.splitlines() if " during teardown of Sample: " in line]
+    assert [line.split(" during teardown of ")[0] for line in lines] == [f"Failed to {what}" for what in PREAMBLES]
+    assert (status, told.endswith(SUMMARY)) == (10, True)
+    assert not is_locked(workshop)
+    assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
+    assert outside(workshop, "Sample") == before
+    workshop.sh("rm -r /usr/local/lib/docker").check()
+
+
 def test_another_applications_overlay_stays(workshop: Device, put_package: Put) -> None:
     """The pattern for the mounts of Sample fits the overlay of Sample-Two too."""
     set_up(workshop, put_package, app())

@@ -8,8 +8,11 @@ from typing import Any
 import pytest
 from apps import app, without_place
 from setups import STORE, Put, codes, configured, fetch, set_up, velkctl, workshop
+from velkdevice import package
 from velkdevice.device import Device
 
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
+NOTES = "notes"
 DATA = Path(__file__).resolve().parents[1] / "data" / "web"
 RULES = "/etc/apache2/conf.d/vhosts/all/urls_Sample.conf"
 TRANSFER = "/etc/apache2/transfer/transfer_Sample.conf"
@@ -179,3 +182,34 @@ def test_a_link_in_the_pages_does_not_lead_out(workshop: Device, put_package: Pu
     assert velkctl(workshop, "setup", "Sample") == (
         1, f"code 1: Path {STORE}/Sample/html/out/x.cgi is outside of application directory {STORE}/Sample\n")  # fmt: skip
     assert workshop.sh("stat -c '%a %U:%G' /etc/velk /etc/hostname; ls /etc/velk").stdout == before
+
+
+# What each resource of the example asks for. The license is a link, which has no rule of its own: it is for every login.
+RESOURCES = {
+    "index.html": "viewer", "about/index.html": "viewer", "LICENSE": "viewer", "notes.cgi": "operator",
+    "time.cgi": "viewer",
+}  # fmt: skip
+
+
+def test_who_gets_what_of_an_example(pristine: Device, tmp_path: Path) -> None:
+    path = f"/tmp/{NOTES}.vlp"
+    pristine.copy_in(package.pack(EXAMPLES / NOTES, tmp_path / f"{NOTES}.vlp"), path)
+    pristine.velkctl("install", path).check()
+    try:
+        check_configuration(pristine)
+        pristine.velkctl("start", NOTES).check()
+        for handler in ("notes.cgi", "time.cgi"):
+            pristine.wait_for(lambda: fetch(pristine, f"/local/{NOTES}/{handler}", "admin")[0] == "200", handler)  # noqa: B023
+        found = {page: codes(pristine, f"/local/{NOTES}/{page}") for page in RESOURCES}
+        assert found == {page: ALLOWED[access] for page, access in RESOURCES.items()}
+        long = " ".join(["ünï"] * 300)
+        for text in ("Anna was here", long):
+            assert fetch(pristine, f"/local/{NOTES}/notes.cgi?a=b", "operator", "--data-binary", text)[0] == "200"
+        assert fetch(pristine, f"/local/{NOTES}/notes.cgi", "operator") == ("200", f"Anna was here\n{long}\n")
+        pristine.velkctl("teardown", NOTES).check()
+        pristine.wait_for(lambda: codes(pristine, f"/local/{NOTES}/index.html") == GONE, "the pages to be gone")
+        found = {page: codes(pristine, f"/local/{NOTES}/{page}") for page in RESOURCES}
+        assert found == dict.fromkeys(RESOURCES, GONE)
+    finally:
+        pristine.velkctl("uninstall", NOTES).check()
+        pristine.sh(f"rm {path}").check()

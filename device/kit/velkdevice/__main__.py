@@ -72,7 +72,7 @@ def _main(argv: list[str]) -> int:
         case ["snapshot"]:
             return _snapshot()
         case ["pack", folder, target]:
-            package.pack(Path(folder), Path(target))
+            package.pack_source(Path(folder), Path(target))
             return 0
         case ["help"]:
             print(HELP, end="")

@@ -6,6 +6,7 @@ import gzip
 import io
 import json
 import os
+import shutil
 import struct
 import subprocess
 import tarfile
@@ -127,6 +128,26 @@ def archive_of(folder: Path, compress: bool = True) -> bytes:
             else:
                 tar.addfile(member)
     return gzip.compress(buffer.getvalue(), mtime=0) if compress else buffer.getvalue()
+
+
+def prepare(folder: Path) -> None:
+    """Run the folder's own `prepare`, if it has one, in it, and remove it: it makes what cannot lie in a checkout."""
+    script = folder / "prepare"
+    if not script.exists():
+        return
+    result = subprocess.run([script], cwd=folder, capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        raise host.DeviceError(f"{script}: {result.stdout}{result.stderr}")
+    script.unlink()
+
+
+def pack_source(source: Path, target: Path, **options: Any) -> Path:
+    """Make a package of a folder that stays as it is: what `prepare` does, it does in a copy. Options as for `pack`."""
+    with tempfile.TemporaryDirectory(prefix="velk-pack-") as scratch:
+        folder = Path(scratch) / "folder"
+        shutil.copytree(source, folder, symlinks=True)
+        prepare(folder)
+        return pack(folder, target, **options)
 
 
 def pack(

@@ -4,8 +4,9 @@ from __future__ import annotations
 
 import os
 import time
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass
+from fnmatch import fnmatch
 
 from .device import Device
 
@@ -43,6 +44,23 @@ KEPT = {
     "/etc/dynamic/param": "made by the first setup",
     "/etc/velk/preinstalled": "holds the list of what the firmware ships",
     "/etc/velk/preinstalled/preinstalled-apps.json": "made by the first listing",
+    "/usr/local/lib/docker": "made for the first application with container tools",
+    "/usr/local/lib/docker/cli-plugins": "made for the first application with container tools",
+}
+
+# What setup makes in an application's own directory and teardown leaves there: paths as patterns of fnmatch, below the
+# directory or, on a card and in the layer-file store, below one of its layers. Owners and modes there are not compared
+# at all: setup gives the files to the application and its pages to the web server, and nothing tells whose they were.
+LEFT_IN_APPLICATION = {
+    "conf": "made by the first setup; what the application keeps there is its own",
+    "localdata": "made by the first setup; the application's data",
+    "localdata/*": "written by the application and its scripts",
+    "html": "made by setup where the package has no pages",
+    "html/LICENSE": "the link by which the web server shows the license",
+    "upper/html/*": "a copy of what the package has below, made by the overlay when setup gave it to another group",
+    "html/*.cgi": "made empty for a handler that the package does not bring; the application may have written to it",
+    "work": "the overlay's own, made by mounting it",
+    "work/*": "the overlay's own",
 }
 
 # One pass of find for everything but contents; then the hashes of the regular files that can be written.
@@ -109,17 +127,24 @@ class Snapshot:
         return lines
 
 
-def like(wanted: Snapshot | None, device: Device, timeout: float = 2) -> Snapshot:
+def like(
+    wanted: Snapshot | None,
+    device: Device,
+    timeout: float = 2,
+    view: Callable[[Snapshot], Snapshot] = lambda seen: seen,
+) -> Snapshot:
     """
     Look until the device is as `wanted`, or for `timeout` seconds, and return the last look.
 
     systemd hears of a mount that went, and of a process that ended, a little after it happened.
+
+    @param view  what of a look counts
     """
     end = time.monotonic() + timeout
-    seen = take(device)
+    seen = view(take(device))
     while wanted is not None and wanted.differences(seen) and time.monotonic() < end:
         time.sleep(0.05)
-        seen = take(device)
+        seen = view(take(device))
     return seen
 
 
@@ -137,6 +162,36 @@ def take(device: Device) -> Snapshot:
             "process": _processes(device),
         }
     )
+
+
+def application(device: Device, directory: str) -> dict[str, str]:
+    """An application's directory: each path below it with its kind, what it holds, and whether it is immutable."""
+    script = r"""
+        cd "$1" || exit
+        find . -mindepth 1 -xdev -printf '%P\t%y%l\n'
+        find . -xdev -type f -exec sha256sum -- {} + | sed 's,^\([^ ]*\)  \./\(.*\),\2\t\1,'
+        lsattr -R . 2>/dev/null | sed -n 's,^[^ ]*i[^ ]* \./\(.*\),\1\timmutable,p'
+    """
+    entries: dict[str, str] = {}
+    for path, _, fact in (line.partition("\t") for line in device.sh(script, directory).check().stdout.splitlines()):
+        entries[path] = f"{entries.get(path, '')} {fact}".strip()
+    return entries
+
+
+def changed_in_application(before: dict[str, str], after: dict[str, str]) -> list[str]:
+    """What teardown should have put back in an application's directory: the paths that changed for no listed reason."""
+    return [
+        f"{path}: {before.get(path)} -> {after.get(path)}"
+        for path in sorted(before.keys() | after.keys())
+        if before.get(path) != after.get(path) and not _may_be_left(path, path in before)
+    ]
+
+
+def _may_be_left(path: str, was_there: bool) -> bool:
+    """Whether a path is one that setup makes for good; one that was there before is only the application's to change."""
+    layer, _, below = path.partition("/")
+    names = [path] if layer not in ("lower", "upper") else [path, below]
+    return not was_there and any(fnmatch(name, pattern) for name in names for pattern in LEFT_IN_APPLICATION)
 
 
 def _prune() -> str:

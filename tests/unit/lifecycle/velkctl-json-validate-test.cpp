@@ -5,6 +5,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "lifecycle/schema-process.h"
 #include "support.h"
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 
 #include "base/handles.h"
 #include "support.h"

@@ -348,6 +348,8 @@ TEST(ProcessTree, IsKilledDepthFirst) {
     EXPECT_THAT(get_child_pids(child), ElementsAre(grandchild, 0));
     EXPECT_THAT(get_child_pids(grandchild), ElementsAre(0));
     kill_process_tree(parent);
+    // Dead by now, and left for its parent to notice.
+    EXPECT_THAT(test::read_text("/proc/" + std::to_string(parent) + "/stat"), HasSubstr(") Z "));
     int status = 0;
     ASSERT_EQ(waitpid(parent, &status, 0), parent);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);

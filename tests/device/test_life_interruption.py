@@ -1,0 +1,182 @@
+"""
+install, upgrade, uninstall, backup and restore, killed before each of their changes; then clean, then what the operator does.
+
+What must never happen is that data is gone that the application had, or that had been saved: it is in the application or in
+the backup, and the operator's next steps (restore, or install when there is nothing to restore into) bring it back.
+"""
+
+from __future__ import annotations
+
+from collections import Counter
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+
+import pytest
+from apps import app
+from interruption import FOLDER, TEMPORARY, VELKCTL, Scenario, left_behind, sample, summary
+from setups import section
+from store_support import STORE
+from velkdevice import package, snapshot
+from velkdevice.device import Device
+
+# What a death may leave beside a state, and why clean cannot do better.
+LEFT = TEMPORARY | {
+    # The writer's own file, of a name that only the dead writer knew.
+    r"/etc/[\w/.-]*/\.filesync-\?{6}$": "a half-written file",
+    # A copy of the data that is not complete yet, or not deleted yet: the next backup, or its next deletion, takes it.
+    rf"{STORE}/_backup/App\.(tmp|remove)[ /]": "a copy of the data",
+}
+
+# The application keeps a note and a setting; the backup is looked at by the same names.
+WORLD = r"""
+cd /usr/local/packages
+user() { stat -c %U App/localdata; }
+note() { su -s /bin/sh -c "echo $1 >App/localdata/note" "$(user)"; }
+look() {
+    set -- /usr/local/packages /etc/velk/vsf
+    {
+        find "$@" /tmp -xdev -path '/tmp/systemd-private-*' -prune -o \
+            \( -type d -printf '%p %y %m %U:%G\n' \) -o -printf '%p %y %m %U:%G %s %l\n' | grep -v '^/tmp d'
+        find "$@" -xdev -type f -exec sha256sum {} + | sed 's/\([^ ]*\)  \(.*\)/\2 \1/'
+        lsattr -R "$@" 2>/dev/null | sed -n 's/^[^ ]*i[^ ]* \(.*\)/\1 immutable/p'
+        find /etc/systemd/system /etc/apache2 /etc/dbus-1/system.d /etc/dynamic /run/http /usr/html/local \
+            \( -name '*App*' -o -name '.filesync-*' \) 2>/dev/null
+        getent passwd velk-app
+    } | sed "$RANDOM_NAMES" | sort
+}
+wipe() {
+    rm -f _lock/*
+    velkctl uninstall App
+    # A user that was to be kept for a version that never came is found by the next one.
+    ! getent passwd velk-app || { velkctl install "$FOLDER/App.1.vlp"; velkctl uninstall App; }
+    rm -rf _backup/* /tmp/velkctl_* /etc/velk/vsf/App /etc/velk/vsf/.filesync-*
+    find /etc/systemd/system /etc/apache2 /etc/dbus-1/system.d -name '.filesync-*' -delete
+}
+recover() {
+    [ -d _backup/App ] || return 0
+    if [ -f /etc/systemd/system/sdkApp.service ]; then velkctl restore App
+    elif [ -d App ]; then velkctl setup App && velkctl restore App
+    else velkctl install "$FOLDER/App.$VERSION.vlp"; fi
+}
+facts() {
+    echo "data $(cat App/localdata/note 2>/dev/null)"
+    echo "saved $(cat _backup/App/localdata/note 2>/dev/null)"
+    echo "lock $(ls _lock | grep -x velkctl)"
+}
+"""
+TRIAL = r"""
+kill=$1; shift
+restore >/dev/null 2>&1 || exit 1
+section killed; step $STEP_OPTIONS --kill "$kill" "$@"; tail -n 2 "$FOLDER/log"
+section clean; velkctl clean; echo "status $?"
+section cleaned; facts
+section recovery; recover; echo "status $?"
+section recovered; facts
+section again; "$@"; echo "status $?"
+section repeated; look
+"""
+
+
+@dataclass(frozen=True)
+class Job:
+    """A command: its state before, and the data that must be found again after an interruption."""
+
+    prepare: str
+    argv: list[str]
+    data: tuple[str, ...] = ()  # any of these; none at all when nothing is to be kept
+    loses: str = ""  # why an interruption may cost the data after all
+    version: int = 1  # that the operator installs where none is left
+    repeats: tuple[int, ...] = (0,)  # what the command may answer when it is given again
+
+
+INSTALLED = 'velkctl install "$FOLDER/App.1.vlp"'
+JOBS = {
+    "install": Job(":", [VELKCTL, "install", f"{FOLDER}/App.1.vlp"]),
+    "upgrade": Job(f"{INSTALLED} && note kept", [VELKCTL, "install", f"{FOLDER}/App.2.vlp"], ("kept",), version=2),
+    "upgrade with an older backup": Job(f"{INSTALLED} && note old && velkctl backup App && note kept",
+                                        [VELKCTL, "install", f"{FOLDER}/App.2.vlp"], ("kept",), version=2),
+    # What is uninstalled is to be gone, and what was saved of it.
+    "uninstall": Job(f"{INSTALLED} && note kept && velkctl backup App", [VELKCTL, "uninstall", "App"], repeats=(0, 4)),
+    "backup": Job(f"{INSTALLED} && note kept", [VELKCTL, "backup", "App"], ("kept",),
+                  "the lock names the application, so clean takes it away before its data is saved", repeats=(0, 4)),
+    "backup with an older one": Job(f"{INSTALLED} && note old && velkctl backup App && note kept",
+                                    [VELKCTL, "backup", "App"], ("kept", "old"),
+                                    "the older one is deleted before the new one takes its place"),
+    # What is in the application is to be replaced; what was saved is what counts.
+    "restore": Job(f"{INSTALLED} && note kept && velkctl backup App && note newer", [VELKCTL, "restore", "App"],
+                   ("kept",), repeats=(0, 10)),  # an installation in between has brought it back already
+}  # fmt: skip
+
+
+@dataclass
+class Life(Scenario):
+    """A job's command on a device that is brought to the state before it by velkctl itself."""
+
+    job: Job = JOBS["install"]
+
+    @property
+    def argv(self) -> list[str]:
+        return self.job.argv
+
+    def trial(self, number: int) -> dict[str, list[str]]:
+        return self.script(TRIAL, str(number), *self.argv)
+
+    def judge_life(self, seen: dict[str, list[str]]) -> str:
+        """How the trial ended, in words; fails where the data is gone without a reason, or the command cannot be repeated."""
+        where = " ".join(seen["killed"][-2].split("\t"))
+        told = where + "\n" + "\n".join(f"--- {name}\n" + "\n".join(lines) for name, lines in seen.items() if name != "repeated")
+        assert "lock " in seen["cleaned"], told
+        found = next(line.split(" ", 1)[1] for line in seen["recovered"] if line.startswith("data "))
+        if self.job.loses and found == "":
+            return "lost, since " + self.job.loses
+        assert not self.job.data or found in self.job.data, told
+        assert int(seen["again"][-1].split()[1]) in self.job.repeats, told
+        left = self.leftovers(self.compared(seen["repeated"]), self.compared(self.after), LEFT)
+        assert left is not None, told + "\n" + "\n".join(sorted(set(seen["repeated"]) ^ set(self.after)))
+        return " + ".join([f"data {found}", *sorted(left)])
+
+    def compared(self, view: list[str]) -> list[str]:
+        """The view, without the data where it may have been saved once more, or come back by another way, meanwhile."""
+        is_about_data = self.command.startswith(("backup", "restore"))
+        return [line for line in view if not (is_about_data and ("/localdata" in line or "/_backup" in line))]
+
+
+@pytest.fixture(scope="module")
+def machine(device: Device, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Device]:
+    """The device with two versions of a package; afterwards as it was."""
+    before = snapshot.take(device)
+    folder: Path = tmp_path_factory.mktemp("life")
+    for version in (1, 2):
+        files = section(app("App", version=f"{version}.0.0"), "velkPackageConf.configuration.paramConfig",
+                        [{"name": "Speed", "default": "1", "type": "string"}])  # fmt: skip
+        packed = package.pack(package.write_tree(folder / f"tree{version}", files), folder / f"App.{version}.vlp")
+        device.copy_in(packed, f"{FOLDER}/App.{version}.vlp")
+    yield device
+    device.sh('rm -r "$1"', FOLDER).check()
+    assert left_behind(before, device) == []
+
+
+@pytest.fixture
+def life(machine: Device, name: str) -> Iterator[Life]:
+    job = JOBS[name]
+    world = WORLD + f"VERSION={job.version}\nrestore() {{ wipe; {job.prepare}; }}\n"
+    made = Life(machine, name, "internal", world, job=job)
+    try:
+        made.learn()
+        yield made
+    finally:
+        made.script("wipe >/dev/null 2>&1; :")
+
+
+@pytest.mark.parametrize("name", [pytest.param(name, marks=[pytest.mark.full] if " " in name else []) for name in JOBS])
+def test_killed_before_a_change_nothing_is_lost(life: Life, full: bool, capsys: pytest.CaptureFixture[str]) -> None:
+    endings: Counter[str] = Counter()
+    numbers = range(1, len(life.points) + 1) if full else sample(len(life.points), 2)
+    for number in numbers:
+        seen = life.trial(number)
+        assert seen["killed"][-1] == "killed", number
+        endings[life.judge_life(seen)] += 1
+    if full:
+        with capsys.disabled():
+            print("\n" + summary(life.command, endings))

@@ -1,0 +1,479 @@
+"""
+install over an installed application: what is kept, and what is left when one of the steps fails.
+
+The example application is the witness: it counts its starts in its data and greets with its parameter, and its web page
+tells both.
+"""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+from apps import LOCK, app, example, installation, is_locked, stored, uninstallation, without_place
+from setups import STORE, UNITS, Put, changed, failing, fetch, outside, program, section, velkctl
+from store_support import CARD2, tree
+from velkdevice import snapshot
+from velkdevice.device import Device
+
+HELLO = f"{STORE}/hello"
+BACKUPS = f"{STORE}/_backup"
+DONE = "Successfully installed application 'hello' on '{}'\n"
+SAMPLE_DONE = (0, "Successfully installed application 'Sample' on 'internal'\n")
+RUNNING = "code 10: Application {} is still running, please stop it before running install.\n"
+
+
+def hello(location: str = "internal", **settings: Any) -> dict[str, Any]:
+    """The example application; for a card without what a card may not have, and with its settings as a file of its own."""
+    files = example("hello", **settings)
+    if location != "internal":
+        configuration = files["manifest.json"]["velkPackageConf"]["configuration"]
+        del configuration["httpConfig"], configuration["paramConfig"]
+        files["conf/hello.conf"] = '[Hello]\nGreeting="Hello"\n'
+    return files
+
+
+@pytest.fixture
+def camera(pristine: Device) -> Iterator[Device]:
+    """The common device as `pristine`, from which the applications go however the test ended."""
+    yield pristine
+    pristine.sh(f"chattr -f -i {STORE} {BACKUPS}; rm -f {LOCK}")
+    for name in ("hello", "Sample"):
+        if pristine.exists(f"{STORE}/{name}"):
+            pristine.velkctl("uninstall", name)
+    # What the failures leave on purpose: the saved data, the user that was to be kept, and records of packages.
+    pristine.sh(f"rm -rf {BACKUPS}/* {STORE}/*.tmp /etc/velk/vsf/hello /etc/velk/vsf/Sample /tmp/velkctl_*")
+    for user in ("hello", "sample"):
+        call = "gdbus call --system -d com.orvo.UserManagement1 -o /com/orvo/UserManagement1 -m "
+        pristine.sh(f"! getent passwd velk-{user} || {call}com.orvo.UserManagement1.Application.RemoveUser velk {user}").check()
+
+
+def install(device: Device, put_package: Put, files: dict[str, Any], *options: str, **packing: Any) -> tuple[int, str]:
+    """Exit status and log of an installation; what gpgv says goes to standard output and is left out."""
+    path = put_package(device, files, **packing)
+    result = device.velkctl("install", *options[:-1], path, *options[-1:])
+    return result.status, without_place(result.stderr)
+
+
+def change_greeting(device: Device, text: str) -> None:
+    """As the parameter service does it: the application's own settings file gets another value."""
+    device.run(["sh", "-c", f"""printf '[Hello]\\nGreeting="{text}"\\n' >{HELLO}/conf/hello.conf"""], user="velk-hello").check()
+
+
+def start(device: Device, name: str = "hello") -> None:
+    assert velkctl(device, "start", name) == (0, f"Started application {name}\n")
+
+
+def answer(device: Device) -> str:
+    """What the example application answers after one more start; it is stopped again."""
+    start(device)
+    page = f"{HELLO}/html/status.txt"
+    device.wait_for(lambda: "start number" in device.read(page), "the application to write its page")
+    code, text = fetch(device, "/local/hello/status.txt", "admin")
+    assert code == "200"
+    device.velkctl("stop", "hello").check()
+    return text
+
+
+def version(device: Device, name: str = "hello") -> str:
+    return device.velkctl("list", "--version", name).check().stdout
+
+
+# --- data, settings and the user ---
+
+
+def test_a_stopped_application_keeps_data_settings_and_user(camera: Device, put_package: Put) -> None:
+    assert install(camera, put_package, hello(), "internal") == (0, DONE.format("internal"))
+    assert answer(camera) == "Hello, this is start number 1.\n"
+    change_greeting(camera, "Good day")
+    assert answer(camera) == "Good day, this is start number 2.\n"
+    before, owners = outside(camera, "hello"), tree(camera, HELLO)
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    assert version(camera) == "2.0.0"
+    # Users, units, web server, parameters and bus are exactly as before; of the application's own files the record of
+    # its last start is gone, since an upgrade starts nothing.
+    new_package = ("/etc/velk/vsf", "/tmp/packages")
+    assert [line for line in outside(camera, "hello") if not any(path in line for path in new_package)] == [
+        line for line in before if not any(path in line for path in new_package)]  # fmt: skip
+    gone, come = sorted(set(owners) - set(tree(camera, HELLO))), sorted(set(tree(camera, HELLO)) - set(owners))
+    # Data that came back is the user's, and no group's of its own.
+    data = [f"{HELLO}/localdata d 755", f"{HELLO}/localdata/installed f 644", f"{HELLO}/localdata/starts f 644"]
+    assert gone == [f"{HELLO}/conf/runstate.conf f 644 root:root", f"{data[0]} velk-hello:admin",
+                    *(f"{line} velk-hello:velk-hello" for line in data[1:])]  # fmt: skip
+    assert come == [f"{line} velk-hello:root" for line in data]
+    assert answer(camera) == "Good day, this is start number 3.\n"
+    assert (camera.exists(f"{BACKUPS}/hello"), is_locked(camera)) == (False, False)
+
+
+def test_an_application_that_was_never_started_keeps_its_data(camera: Device, put_package: Put) -> None:
+    install(camera, put_package, hello(), "internal")
+    camera.run(["sh", "-c", f"echo 41 >{HELLO}/localdata/starts"], user="velk-hello").check()
+    assert install(camera, put_package, hello(version="1.0.1"), "internal") == (0, DONE.format("internal"))
+    assert answer(camera) == "Hello, this is start number 42.\n"
+
+
+def test_a_running_application_goes_on_running_as_it_is(camera: Device, put_package: Put) -> None:
+    install(camera, put_package, hello(), "internal")
+    start(camera)
+    camera.wait_for(lambda: "number 1" in camera.read(f"{HELLO}/html/status.txt"), "the page")
+    pid = camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout
+    before = snapshot.take(camera)
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (10, RUNNING.format("hello"))
+    assert camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout == pid
+    # The data was saved before the running application was noticed.
+    made = [line.split(": ")[1] for line in before.differences(snapshot.take(camera)) if "/tmp/packages" not in line]
+    saved = ["", "/hello.conf", "/localdata", "/localdata/installed", "/localdata/starts", "/param_hello.conf"]
+    assert made == [f"{BACKUPS}/hello{name}" for name in saved]
+    assert version(camera) == "1.0.0"
+    assert fetch(camera, "/local/hello/status.txt", "viewer") == ("200", "Hello, this is start number 1.\n")
+
+
+@pytest.mark.parametrize("new", ["1.0.0", "0.9.0"])
+def test_the_same_and_an_older_version_are_upgrades_like_any_other(camera: Device, put_package: Put, new: str) -> None:
+    install(camera, put_package, hello(), "internal")
+    change_greeting(camera, "Good day")
+    answer(camera)
+    assert install(camera, put_package, hello(version=new), "internal") == (0, DONE.format("internal"))
+    assert version(camera) == new
+    assert answer(camera) == "Good day, this is start number 2.\n"
+
+
+def test_parameters_are_merged(camera: Device, put_package: Put) -> None:
+    """Saved values win, also those that the new version knows no more; what is new has its default."""
+    old = hello()
+    parameters = old["manifest.json"]["velkPackageConf"]["configuration"]["paramConfig"]
+    parameters.append({"name": "Gone", "default": "old", "type": "string"})
+    install(camera, put_package, old, "internal")
+    new = hello(version="2.0.0")
+    parameters = new["manifest.json"]["velkPackageConf"]["configuration"]["paramConfig"]
+    parameters[0]["default"] = "Welcome"
+    parameters.append({"name": "Farewell", "default": "Bye", "type": "string"})
+    change_greeting(camera, "Good day")
+    assert install(camera, put_package, new, "internal") == (0, DONE.format("internal"))
+    assert camera.read(f"{HELLO}/conf/hello.conf") == '[Hello]\nGreeting="Good day"\nFarewell="Bye"\n'
+    definition = camera.read(f"{HELLO}/conf/param_hello.conf")
+    assert [line.split()[1] for line in definition.splitlines() if line.startswith("param ")] == [
+        "Greeting", "Farewell", "Gone"]  # fmt: skip
+    # The parameter service knows the merged group too.
+    assert camera.read("/run/velkctl-param-groups/Hello") == definition
+    assert camera.sh(f"stat -c '%a %U:%G' {HELLO}/conf/*hello.conf").stdout == "600 velk-hello:velk-hello\n" * 2
+    assert answer(camera) == "Good day, this is start number 1.\n"
+
+
+STATIC = {"user": {"username": "sdk", "group": "sdk"}}
+
+
+@pytest.mark.parametrize(("old", "new", "user"), [({}, STATIC, "sdk"), (STATIC, {}, "velk-hello")])
+def test_another_user_takes_the_data_over(
+    camera: Device, put_package: Put, old: dict[str, Any], new: dict[str, Any], user: str
+) -> None:
+    install(camera, put_package, hello(**old), "internal")
+    answer(camera)
+    assert install(camera, put_package, hello(version="2.0.0", **new), "internal") == (0, DONE.format("internal"))
+    owned = camera.sh(f"cd {HELLO}; stat -c '%n %U' localdata localdata/starts conf/hello.conf html").check().stdout
+    assert owned.split()[1::2] == [user] * 4
+    # An application's own user leaves with it; one of the system's stays.
+    assert (camera.run(["id", "velk-hello"]).status == 0) == (user == "velk-hello")
+    assert answer(camera) == "Hello, this is start number 2.\n"
+
+
+@pytest.mark.parametrize(("old", "new"), [
+    ("internal", "sd_card1"), pytest.param("sd_card1", "internal", marks=pytest.mark.full),
+    pytest.param("sd_card1", "sd_card1", marks=pytest.mark.full)])  # fmt: skip
+def test_an_upgrade_to_another_location(camera: Device, put_package: Put, old: str, new: str) -> None:
+    before = snapshot.take(camera)
+    camera.insert_card()
+    try:
+        assert install(camera, put_package, hello(old), old) == (0, DONE.format(old))
+        change_greeting(camera, "Good day")
+        assert answer(camera) == "Good day, this is start number 1.\n"
+        assert install(camera, put_package, hello(new, version="2.0.0"), new) == (0, DONE.format(new))
+        kept = camera.sh('[ -d "$1/hello" ]; echo $?', "/var/spool/storage/SD_DISK/packages").stdout == "0\n"
+        assert (kept, version(camera)) == (new == "sd_card1", "2.0.0")
+        assert answer(camera) == "Good day, this is start number 2.\n"
+        camera.velkctl("uninstall", "hello").check()
+    finally:
+        if camera.exists(HELLO):
+            camera.velkctl("uninstall", "hello")
+        camera.remove_card()
+    camera.sh("rm -rf /tmp/packages")
+    assert before.differences(snapshot.like(before, camera)) == []
+
+
+def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_package: Put) -> None:
+    """The link to an application there leads to a directory that nobody makes, so nothing can be set up from it."""
+    camera.sh(f"mkdir -p {CARD2}").check()
+    install(camera, put_package, hello(), "internal")
+    answer(camera)
+    status, told = install(camera, put_package, hello("sd_card2", version="2.0.0"), "sd_card2")
+    camera.sh(f"rmdir {CARD2} $(dirname {CARD2})").check()
+    assert (status, told) == (29, f"code 29: src/system/file.cpp: Path not found: {HELLO}/manifest.json\n")
+    assert (stored(camera), is_locked(camera), camera.exists(f"{CARD2}/hello")) == ([], False, False)
+    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
+
+
+
+# --- what is installed is in a bad way ---
+
+
+@pytest.mark.parametrize("harm", [
+    f"rm {HELLO}/hello", f"rm -rf {UNITS}/sdkhello.service* {HELLO}/conf/param_hello.conf /etc/dynamic/hello.conf",
+    pytest.param(f"rm {UNITS}/sdkhello.service; systemctl daemon-reload", marks=pytest.mark.full),
+    pytest.param(f"rm -r {HELLO}/html {HELLO}/LICENSE", marks=pytest.mark.full)])  # fmt: skip
+def test_a_broken_application_is_replaced(camera: Device, put_package: Put, harm: str) -> None:
+    install(camera, put_package, hello(), "internal")
+    answer(camera)
+    camera.sh(harm).check()
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    assert answer(camera) == "Hello, this is start number 2.\n"
+
+
+def test_an_application_that_is_only_imported_is_replaced(camera: Device, put_package: Put) -> None:
+    camera.velkctl("import", put_package(camera, hello())).check()
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    assert answer(camera) == "Hello, this is start number 1.\n"
+
+
+def test_an_application_that_crashed_is_replaced(camera: Device, put_package: Put) -> None:
+    install(camera, put_package, hello(runMode="once") | {"hello": "#!/bin/sh\necho 6 >localdata/starts\nexit 3\n"}, "internal")
+    start(camera)
+    camera.wait_for(lambda: camera.run(["systemctl", "is-failed", "sdkhello.service"]).status == 0, "the crash")
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    assert answer(camera) == "Hello, this is start number 7.\n"
+    camera.run(["systemctl", "reset-failed"]).check()
+
+
+TORN = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of hello"
+
+
+def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(camera: Device, put_package: Put) -> None:
+    """Its vendor and its user are unknown, which is no hindrance; that the teardown misses the manifest is one."""
+    install(camera, put_package, hello(), "internal")
+    answer(camera)
+    camera.sh(f"chattr -i {HELLO}/manifest.json; echo '{{' >{HELLO}/manifest.json").check()
+    status, told = install(camera, put_package, hello(version="2.0.0", vendorId="others"), "internal")
+    assert (status, told.splitlines()[-1]) == (10, TORN)
+    assert "Failed to get the manifest JSON object during teardown of hello: " in told
+    assert (stored(camera), is_locked(camera)) == (["hello"], False)
+    assert not camera.exists(f"{UNITS}/sdkhello.service")
+    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
+
+
+def test_an_application_of_the_older_form_is_not_replaced_either(camera: Device, put_package: Put) -> None:
+    conf = 'PACKAGENAME="Old one"\nAPPNAME=hello\nAPPMAJORVERSION=3\nAPPMINORVERSION=4\n'
+    camera.write(f"{HELLO}/package.conf", conf)
+    camera.write(f"{HELLO}/localdata/starts", "8\n")
+    assert camera.velkctl("list", "--legacy-apps").stdout == '["hello"]'
+    status, told = install(camera, put_package, hello(version="2.0.0"), "internal")
+    assert (status, told.splitlines()[-1]) == (10, TORN)
+    assert camera.read(f"{HELLO}/package.conf") == conf
+    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "8\n"
+    assert not is_locked(camera)
+
+
+# --- each step fails in turn ---
+
+
+def old_version(**changes: Any) -> dict[str, Any]:
+    return section(app("Sample", **changes), "velkPackageConf.configuration.paramConfig",
+                   [{"name": "Speed", "default": "1", "type": "string"}])  # fmt: skip
+
+
+SAVED = [f"{BACKUPS}/Sample", f"{BACKUPS}/Sample/Sample.conf", f"{BACKUPS}/Sample/localdata",
+         f"{BACKUPS}/Sample/localdata/note", f"{BACKUPS}/Sample/param_Sample.conf"]  # fmt: skip
+OTHERS = ("file: /etc/passwd", "file: /etc/group", "file: /etc/shadow", "file: /etc/gshadow", "file: /run/velk")
+
+
+class Upgrade:
+    """An installed application with data, and the device as it is without it and with it."""
+
+    def __init__(self, device: Device, put_package: Put) -> None:
+        self.device, self.put_package = device, put_package
+        self.without = snapshot.take(device)
+
+    def prepare(self, **changes: Any) -> None:
+        self.install_old(old_version(**changes))
+
+    def install_old(self, files: dict[str, Any]) -> None:
+        assert install(self.device, self.put_package, files, "internal") == SAMPLE_DONE
+        note = f"echo kept >{STORE}/Sample/localdata/note"
+        self.device.run(["sh", "-c", note], user=self.device.sh(f"stat -c %U {STORE}/Sample").stdout.strip()).check()
+        self.installed = snapshot.take(self.device)
+
+    def names(self, before: snapshot.Snapshot) -> list[str]:
+        """What has come ("+"), gone ("-") or changed ("~") since, by name; what goes with every user is left out."""
+        differences = before.differences(snapshot.like(None, self.device))
+        kept = [line for line in differences if not line[2:].startswith(OTHERS) and "/tmp/packages" not in line]
+        return [line[0] + line.split(": ")[1] for line in kept]
+
+    def to_new(self, files: dict[str, Any] | None = None, *options: str, env: Any = None, **packing: Any) -> tuple[int, str]:
+        path = self.put_package(self.device, files or old_version(version="2.0.0"), **packing)
+        result = self.device.velkctl("install", *options, path, env=env)
+        assert not is_locked(self.device)
+        return result.status, without_place(result.stderr)
+
+
+@pytest.fixture
+def upgrade(camera: Device, put_package: Put) -> Upgrade:
+    return Upgrade(camera, put_package)
+
+
+def kept_user() -> list[str]:
+    """The user that the new version was to have too stays when there is no new version."""
+    return ["+/var/lib/orvo/api-access/velk-sample", "+velk-sample", "+velk-sample"]
+
+
+def test_another_vendor_changes_nothing(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    text = "code 27: Vendor ID in manifest does not match the vendor ID of the previous version\n"
+    assert upgrade.to_new(old_version(vendorId="others")) == (27, text)
+    assert upgrade.to_new(old_version(vendorId=None)) == (27, text)
+    assert upgrade.names(upgrade.installed) == []
+
+
+def test_a_backup_that_fails_leaves_the_old_version(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    with program(upgrade.device, "cp", 'case "$*" in *localdata*) exit 1 ;; esac\nexec "$REAL" "$@"\n') as env:
+        status, told = upgrade.to_new(env=env)
+    assert status == 10
+    assert told.startswith("code 10: src/system/subprocess.cpp: Failed running \"cp -fdr '/usr/local/packages/Sample/localdata'")
+    unfinished = [f"+{BACKUPS}/Sample.tmp{name}" for name in ("", "/Sample.conf", "/param_Sample.conf")]
+    assert upgrade.names(upgrade.installed) == unfinished
+    # The next one begins anew.
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert not upgrade.device.exists(f"{BACKUPS}/Sample.tmp")
+
+
+def test_a_teardown_that_fails_leaves_the_old_version_stored_and_its_data_saved(upgrade: Upgrade) -> None:
+    script = {"before.sh": "#!/bin/sh\n"}
+    upgrade.install_old(uninstallation(old_version(), preUninstallScript="before.sh") | script)
+    upgrade.device.sh(f"rm {STORE}/Sample/before.sh").check()
+    status, told = upgrade.to_new()
+    assert (status, told.splitlines()[-1]) == (
+        10, "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample")  # fmt: skip
+    assert version(upgrade.device, "Sample") == "1.0.0"
+    listed = json.loads(upgrade.device.velkctl("list").stdout)[0]
+    assert (listed["fullyInstalled"], listed["signatureStatus"]) == ("No", "Signed")
+    made = [name for name in upgrade.names(upgrade.installed) if name.startswith("+")]
+    assert made == [f"+{name}" for name in SAVED]
+    assert upgrade.device.run(["id", "velk-sample"]).status == 0
+
+
+def test_a_removal_that_fails_leaves_the_old_version_stored_and_its_data_saved(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    upgrade.device.sh(f"chattr +i {STORE}").check()
+    status, told = upgrade.to_new()
+    upgrade.device.sh(f"chattr -i {STORE}").check()
+    assert (status, told) == (10, "code 10: src/store/velkctl-remove.cpp: Failed renaming "
+                                  f"{STORE}/Sample to {STORE}/Sample.tmp: Operation not permitted\n")  # fmt: skip
+    assert version(upgrade.device, "Sample") == "1.0.0"
+    assert [name for name in upgrade.names(upgrade.installed) if name.startswith("+")] == [f"+{name}" for name in SAVED]
+    assert not upgrade.device.exists(f"{UNITS}/sdkSample.service")
+
+
+def test_an_import_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    assert upgrade.to_new(sign=False) == (2, "code 2: Unsigned package not allowed\n")
+    assert upgrade.names(upgrade.without) == sorted([f"+{name}" for name in SAVED]) + kept_user()
+    # The data comes back with the next installation.
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.device.read(f"{STORE}/Sample/localdata/note") == "kept\n"
+    assert not upgrade.device.exists(f"{BACKUPS}/Sample")
+
+
+FAILING_SCRIPT = {"after.sh": "#!/bin/sh\nexit 77\n"}
+
+
+def test_a_setup_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    files = installation(old_version(version="2.0.0"), postInstallScript="after.sh") | FAILING_SCRIPT
+    status, told = upgrade.to_new(files)
+    assert status == 10
+    assert told.endswith("Script /usr/local/packages/Sample/after.sh failed with exit code: 77\n")
+    assert upgrade.names(upgrade.without) == [f"+{name}" for name in SAVED]
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.device.read(f"{STORE}/Sample/localdata/note") == "kept\n"
+
+
+def test_a_user_service_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    with failing(upgrade.device, "ModifyUser"):
+        status, told = upgrade.to_new()
+    assert (status, told.splitlines()[-1]) == (10, "code 10: src/system/dbus-call.cpp: DBus call to "
+                                               "com.orvo.UserManagement1.Application.ModifyUser failed: Not today")  # fmt: skip
+    assert upgrade.names(upgrade.without) == [f"+{name}" for name in SAVED]
+
+
+def test_an_installation_that_is_skipped_leaves_nothing(upgrade: Upgrade) -> None:
+    """The script of the new version said that it does not want to be installed, which counts as a success."""
+    upgrade.prepare()
+    files = installation(old_version(version="2.0.0"), postInstallScript="after.sh") | {"after.sh": "#!/bin/sh\nexit 78\n"}
+    path = upgrade.put_package(upgrade.device, files)
+    status, told = upgrade.to_new(files, "--skip-if-ex-config")
+    assert (status, told) == (0, f"Installation of {path} was skipped\n" + SAMPLE_DONE[1])
+    assert upgrade.names(upgrade.without) == []
+
+
+def harm_settings(upgrade: Upgrade) -> None:
+    """Settings that cannot be merged: they are saved as they are, and found out only when they are brought back."""
+    upgrade.device.write(f"{STORE}/Sample/conf/Sample.conf", "no settings\n", 0o600, "velk-sample")
+
+
+BROKEN = ("code 10: src/system/key-file.cpp: Failed loading keys from: Sample.conf Error: "
+          "Key file contains line “no settings” which is not a key-value pair, group, or comment\n")  # fmt: skip
+
+
+def test_a_restore_that_fails_takes_the_new_version_away_with_the_saved_data(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    harm_settings(upgrade)
+    assert upgrade.to_new() == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + BROKEN)
+    assert upgrade.names(upgrade.without) == []
+
+
+def test_the_saved_data_stays_when_the_new_version_cannot_be_taken_away(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    harm_settings(upgrade)
+    scripts = {"before.sh": "#!/bin/sh\n", "after.sh": "#!/bin/sh\nrm before.sh\n"}
+    files = uninstallation(old_version(version="2.0.0"), preUninstallScript="before.sh") | scripts
+    status, told = upgrade.to_new(installation(files, postInstallScript="after.sh"))
+    script = ("Failed to run pre-uninstall script during teardown of Sample: "
+              "The manifest lists an install script, 'before.sh', but the file is missing.\n")  # fmt: skip
+    assert (status, told) == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + script
+                              + "Failed to teardown and/or remove unstable app Sample\n" + BROKEN)  # fmt: skip
+    assert version(upgrade.device, "Sample") == "2.0.0"
+    assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
+    assert not upgrade.device.exists(f"{UNITS}/sdkSample.service")
+
+
+def test_a_backup_that_cannot_be_deleted_is_told_and_the_new_version_stays(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    # The first chown of an upgrade is that of the restored data: until then the backup is written and moved.
+    with program(upgrade.device, "chown", f'chattr +i {BACKUPS}\nexec "$REAL" "$@"\n') as env:
+        outcome = upgrade.to_new(env=env)
+    upgrade.device.sh(f"chattr -i {BACKUPS}").check()
+    assert outcome == (10, "code 10: src/lifecycle/velkctl-backup.cpp: Could not remove backup. Rename failed.\n")
+    assert version(upgrade.device, "Sample") == "2.0.0"
+    assert upgrade.device.read(f"{STORE}/Sample/localdata/note") == "kept\n"
+    assert [name for name in upgrade.names(upgrade.installed) if name.startswith(("+", "-"))] == [f"+{name}" for name in SAVED]
+
+
+def test_a_lock_that_is_held_changes_nothing(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    path = upgrade.put_package(upgrade.device, old_version(version="2.0.0"))
+    upgrade.device.write(LOCK, "Other")
+    result = upgrade.device.velkctl("install", path)
+    assert (result.status, result.stderr) == (12, f"code 12: Another instance is already running, lock file exists: {LOCK}\n")
+    upgrade.device.sh(f"rm {LOCK}").check()
+    assert upgrade.names(upgrade.installed) == []
+
+
+def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:
+    """Without the settings the old version cannot be torn down whole, so it stays stored and its data saved."""
+    upgrade.prepare()
+    with changed(upgrade.device, "/etc/velk/conf/packageparser.conf", "[Install]\nAllowUnsigned=false\n"):
+        status, told = upgrade.to_new()
+    assert (status, told.splitlines()[-1]) == (
+        10, "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample")  # fmt: skip
+    assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
