@@ -212,7 +212,7 @@ const Command kCommands[] = {
      "\nUsage: velk-pack verify [OPTIONS] --keyring FILE FILE\n\n"
      "Verify the signature of a package against a keyring, as a device does\n\n"
      "Options:\n"
-     "--keyring FILE      File of public keys, in binary form as gpg --export writes it\n" COMMON_OPTIONS
+     "--keyring FILE      File of public keys, in binary form as devices have it\n" COMMON_OPTIONS
      "\nPositional arguments:\n"
      "FILE                Path to the package\n",
      " keyring ", "keyring", 1, run_verify},

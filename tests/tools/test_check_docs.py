@@ -106,22 +106,6 @@ def test_a_checkout_without_a_command_table_is_refused(check):
     )
 
 
-def test_the_manual_page_has_a_section_for_each_command_and_no_other(check):
-    assert check({"man/velkctl.8": '.SH NAME\n.SS backup\n.SS "re\\-import"\n.SH FILES\n'})[0] == 0
-    assert check({"man/velkctl.8": ".SH NAME\n.SS backup\n.SS rewind\n"}) == (
-        1,
-        ["man: the command re-import has no section", "man: the section rewind belongs to no command"],
-    )
-
-
-def test_a_completion_knows_each_command(check):
-    assert check({"completions/velkctl.bash": "words='backup re-import'\n"})[0] == 0
-    assert check({"completions/velkctl.bash": "words='backups re-import'\n"}) == (
-        1,
-        ["completions/velkctl.bash: the command backup is missing"],
-    )
-
-
 @pytest.mark.parametrize("text", ["Use `velkctl rewind App`.\n", "```\nvelkctl rewind App\n```\n"])
 def test_the_readme_names_no_other_command(check, text):
     assert check({"README.md": text}) == (1, ["README.md: velkctl has no command rewind"])
