@@ -109,7 +109,7 @@ def test_this_checkout_agrees_with_itself(check: Check) -> None:
             "",
             ["completions/velk-pack.zsh: the command info of velk-pack is missing"],
         ),
-        ("man/velkctl.8.md", "| 36 |", "| 37 |", [
+        ("man/velkctl.8.md", "**36**\n", "**37**\n", [
             "man/velkctl.8.md: the exit status 36 is missing",
             "man/velkctl.8.md: there is no exit status 37",
         ]),
