@@ -11,7 +11,8 @@
 #include "system/tree.h"
 
 static constexpr const char* kManifest = "manifest.json";
-static constexpr const char* kLicense = "LICENSE";
+// Without the first a device cannot unpack a package, without the second it cannot set it up.
+static constexpr const char* kRequiredFiles[] = {"package.conf", "LICENSE"};
 
 std::optional<Folder> read_folder(const std::string& name, VelkctlError** error) {
     Folder folder;
@@ -146,8 +147,9 @@ std::vector<Finding> check_folder(const Folder& folder, JsonPtr* manifest) {
         check.check_promises(loaded.get());
         *manifest = std::move(loaded);
     }
-    if (!check.holds_file(kLicense))
-        check.add(VELKCTL_ERROR_INVALID_PACKAGE, kLicense, "", "is missing");
+    for (const char* name : kRequiredFiles)
+        if (!check.holds_file(name))
+            check.add(VELKCTL_ERROR_INVALID_PACKAGE, name, "", "is missing");
     for (const FolderEntry& entry : folder.entries)
         check.check_entry(entry);
     return check.take();

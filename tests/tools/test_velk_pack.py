@@ -69,6 +69,7 @@ def app(tmp_path: Path) -> Path:
     (folder / "html" / "deep").mkdir(parents=True)
     (folder / "manifest.json").write_text(json.dumps(manifest_of()))
     (folder / "LICENSE").write_text("free\n")
+    (folder / "package.conf").write_text('APPNAME="App"\n')
     (folder / "App").write_text("#!/bin/sh\nexec sleep infinity\n")
     (folder / "App").chmod(0o755)
     (folder / "html" / "index.html").write_text("<p>\n")
@@ -130,7 +131,7 @@ def test_a_folder_becomes_a_package_named_for_its_application(here: Path, app: P
     answer = pack("build", app)
     size = (here / "App.vlp").stat().st_size
     content = sum(path.stat().st_size for path in app.rglob("*") if path.is_file() and not path.is_symlink())
-    assert answer == Answer(0, f"Packed 7 entries, {content} bytes, into App.vlp, {size} bytes\n", "")
+    assert answer == Answer(0, f"Packed 8 entries, {content} bytes, into App.vlp, {size} bytes\n", "")
     assert names(here) == ["App.vlp"]
     assert (here / "App.vlp").stat().st_mode & 0o777 == 0o644
 
@@ -146,6 +147,7 @@ def test_the_archive_holds_the_folder_with_the_manifest_first_and_root_as_owner(
         ("html/deep", tarfile.DIRTYPE, "0o755", ""),
         ("html/index.html", tarfile.REGTYPE, "0o644", ""),
         ("link", tarfile.SYMTYPE, "0o777", "html/index.html"),
+        ("package.conf", tarfile.REGTYPE, "0o644", ""),
     ]
     assert {(m.uid, m.gid, m.uname, m.gname, m.mtime) for m in members} == {(0, 0, "root", "root", 0)}
 
@@ -208,6 +210,7 @@ def test_every_finding_is_listed_at_once_with_its_key(here: Path, app: Path) -> 
     broken["resources"] = {"linux": {"user": {"groups": 5}}}
     (app / "manifest.json").write_text(json.dumps(broken))
     (app / "LICENSE").unlink()
+    (app / "package.conf").unlink()
     os.mkfifo(app / "pipe")
     answer = pack("build", app)
     at = f"velk-pack: {app}/manifest.json: "
@@ -223,12 +226,13 @@ def test_every_finding_is_listed_at_once_with_its_key(here: Path, app: Path) -> 
         f"{at}resources.linux.user.groups: groups in manifest is not an array",
         f"{at}{conf}configuration.settingPage: Field 'settingPage' in manifest contains a path traversal",
         f"{at}{conf}installation.postInstallScript: names 'setup.sh', which is no file in the folder",
+        f"velk-pack: {app}/package.conf: is missing",
         f"velk-pack: {app}/LICENSE: is missing",
         f"velk-pack: {app}/pipe: is neither a file nor a folder nor a link",
     ]
     assert (answer.status, answer.stdout, names(here)) == (29, "", [])
     machine = json.loads(pack("build", app, "--json").stdout)["error"]
-    assert (machine["code"], machine["message"], len(machine["findings"])) == (29, "12 findings", 12)
+    assert (machine["code"], machine["message"], len(machine["findings"])) == (29, "13 findings", 13)
     assert machine["findings"][1] == {
         "file": f"{app}/manifest.json",
         "key": "velkPackageConf.setup.runMode",
@@ -311,7 +315,7 @@ def test_a_full_disk_leaves_the_package_that_was_there(here: Path, app: Path) ->
 def test_building_answers_a_machine(here: Path, app: Path) -> None:
     answer = json.loads(pack("build", app, "--json").stdout)
     assert answer["package"] == "App.vlp"
-    assert answer["entries"] == 7
+    assert answer["entries"] == 8
     assert answer["size"] == (here / "App.vlp").stat().st_size
 
 
@@ -480,10 +484,10 @@ def test_info_shows_the_manifest_the_signer_and_every_file(signed: Path, key: Ke
     assert "  version       1.2.3" in lines
     assert f"  package       {signed.stat().st_size} bytes" in lines
     assert f"  signer        {key.fingerprint} (not verified)" in lines
-    assert "  contents      7 entries, " + str(
+    assert "  contents      8 entries, " + str(
         sum(p.stat().st_size for p in app.rglob("*") if p.is_file() and not p.is_symlink())
     ) + " bytes" in lines
-    assert [line.split()[0] + " " + line.split()[-1] for line in lines[-7:]] == [
+    assert [line.split()[0] + " " + line.split()[-1] for line in lines[-8:]] == [
         "-rw-r--r-- manifest.json",
         "-rwxr-xr-x App",
         "-rw-r--r-- LICENSE",
@@ -491,6 +495,7 @@ def test_info_shows_the_manifest_the_signer_and_every_file(signed: Path, key: Ke
         "drwxr-xr-x html/deep",
         "-rw-r--r-- html/index.html",
         "lrwxrwxrwx link",
+        "-rw-r--r-- package.conf",
     ]
 
 
@@ -602,7 +607,7 @@ def test_a_new_application_is_packed_without_a_finding(here: Path, language: str
     assert (answer.status, answer.stderr) == (0, "")
     info = json.loads(pack("info", "MyApp.vlp", "--json").stdout)
     assert info["manifest"]["velkPackageConf"]["setup"]["appName"] == "MyApp"
-    assert {"LICENSE", "MyApp", "manifest.json", "html/index.html"} <= {file["name"] for file in info["files"]}
+    assert {"LICENSE", "MyApp", "manifest.json", "package.conf", "html/index.html"} <= {file["name"] for file in info["files"]}
     assert b"@" not in b"".join(p.read_bytes() for p in (here / "MyApp").rglob("*.html"))
 
 

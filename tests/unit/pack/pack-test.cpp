@@ -161,7 +161,7 @@ TEST(Templates, AllHaveAManifestAProgramAPageAndALicence) {
         for (const TemplateFile& file : template_files())
             if (file.language == language)
                 names += std::string(file.name) + " ";
-        for (const char* part : {"manifest.json ", "html/index.html ", "LICENSE ", "@NAME@"})
+        for (const char* part : {"manifest.json ", "html/index.html ", "LICENSE ", "package.conf ", "@NAME@"})
             EXPECT_THAT(names, testing::HasSubstr(part)) << language;
     }
 }
