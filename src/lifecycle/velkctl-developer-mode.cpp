@@ -24,7 +24,8 @@ std::optional<DeveloperModeRecord> get_developer_mode() {
         return std::nullopt;
     DeveloperModeRecord record;
     ErrorSlot bad_state;
-    if (read_developer_mode_fields(manifest.get(), &record, bad_state))
+    if (read_developer_mode_fields(manifest.get(), &record, bad_state) &&
+        check_developer_mode_device(record, bad_state))
         return record;
     warn_and_clear_error_with_preamble("The installed Developer Mode app is in a bad state: ", bad_state,
                                        nullptr);

@@ -27,15 +27,18 @@ bool read_developer_mode_fields(const json_t* manifest, DeveloperModeRecord* rec
     std::optional<std::string> serial = required_field(manifest, "deviceSerialNumber", error);
     if (!serial)
         return false;
+    *record = {std::move(*vendor), std::move(*serial)};
+    return true;
+}
+
+bool check_developer_mode_device(const DeveloperModeRecord& record, VelkctlError** error) {
     const std::optional<std::string> device = device_information("SerialNumber", error);
     if (!device)
         return false;
-    if (g_ascii_strcasecmp(device->c_str(), serial->c_str()) != 0) {
-        velkctl_error_set(error, VELKCTL_ERROR_SERIAL_MISMATCH,
-                          "Device serial number '%s' does not match manifest serial number '%s'",
-                          device->c_str(), serial->c_str());
-        return false;
-    }
-    *record = {std::move(*vendor), std::move(*serial)};
-    return true;
+    if (g_ascii_strcasecmp(device->c_str(), record.deviceSerialNumber.c_str()) == 0)
+        return true;
+    velkctl_error_set(error, VELKCTL_ERROR_SERIAL_MISMATCH,
+                      "Device serial number '%s' does not match manifest serial number '%s'", device->c_str(),
+                      record.deviceSerialNumber.c_str());
+    return false;
 }

@@ -13,12 +13,18 @@ inline constexpr const char* DEVELOPER_MODE_APP = "developer_mode";
 [[nodiscard]] bool is_developer_mode_velk(const json_t* manifest);
 
 /**
- * Read the developer-mode section and check that it was made for this very device, by the serial number and
- * whatever its letter case.
+ * Read the developer-mode section.
  *
  * @param record  untouched on failure
- * @param error   code 29 "Developer Mode manifest is missing required field: '%s'"; the error of the device
- * information service; code 51 "Device serial number '%s' does not match manifest serial number '%s'"
+ * @param error   code 29 "Developer Mode manifest is missing required field: 'developerMode.%s'"
  */
 [[nodiscard]] bool read_developer_mode_fields(const json_t* manifest, DeveloperModeRecord* record,
                                               VelkctlError** error);
+
+/**
+ * Whether the section was made for this very device, by the serial number and whatever its letter case.
+ *
+ * @param error  the error of the device information service; code 51 "Device serial number '%s' does not
+ * match manifest serial number '%s'"
+ */
+[[nodiscard]] bool check_developer_mode_device(const DeveloperModeRecord& record, VelkctlError** error);

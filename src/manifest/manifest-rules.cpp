@@ -1,6 +1,7 @@
 #include "manifest/manifest-rules.h"
 
 #include <cassert>
+#include <span>
 #include <string>
 
 #include "manifest/app-user.h"
@@ -91,6 +92,13 @@ static bool read_developer_mode(const json_t* root, ParsedManifest* parsed, Velk
     return true;
 }
 
+static bool check_device(const json_t*, ParsedManifest* parsed, VelkctlError** error) {
+    if (!parsed->developerMode || check_developer_mode_device(*parsed->developerMode, error))
+        return true;
+    parsed->developerMode.reset();
+    return false;
+}
+
 static bool read_user(const json_t* root, ParsedManifest* parsed, VelkctlError** error) {
     // Without an accepted application name there is no user name to form, and the missing name was reported.
     if (parsed->appName.empty())
@@ -146,8 +154,12 @@ static bool read_range(const json_t* element, VersionRange* range, VelkctlError*
     return false;
 }
 
+static const json_t* os_version_list(const json_t* root) {
+    return manifest_object(root, nullptr, {"velkPackageConf", "setup", "compatibleOsVersions"});
+}
+
 static bool read_os_version_ranges(const json_t* root, ParsedManifest* parsed, VelkctlError** error) {
-    const json_t* list = manifest_object(root, nullptr, {"velkPackageConf", "setup", "compatibleOsVersions"});
+    const json_t* list = os_version_list(root);
     if (!list)
         return true;
     if (!json_is_array(list))
@@ -237,16 +249,19 @@ static bool read_cgi_type(const std::string& text, CgiType* type, VelkctlError**
     return true;
 }
 
-static bool read_cgi_entry(const json_t* element, const std::string& type, const std::string& access,
-                           CgiEntry* entry, VelkctlError** error) {
-    if (!read_access_level(access, &entry->access, error) || !read_cgi_type(type, &entry->type, error))
-        return false;
+static bool read_cgi_name(const json_t* element, std::string* result, VelkctlError** error) {
     std::optional<std::string> name = manifest_string(element, error, {"name"});
     if (!name || !check_no_newline(name, "httpConfig.name", error) ||
         !check_no_path_traversal(name, "httpConfig.name", error))
         return false;
-    entry->name = std::move(*name);
+    *result = std::move(*name);
     return true;
+}
+
+static bool read_cgi_entry(const json_t* element, const std::string& type, const std::string& access,
+                           CgiEntry* entry, VelkctlError** error) {
+    return read_access_level(access, &entry->access, error) && read_cgi_type(type, &entry->type, error) &&
+           read_cgi_name(element, &entry->name, error);
 }
 
 static bool read_http_element(const json_t* element, AccessLevel* directory, std::vector<CgiEntry>* entries,
@@ -266,8 +281,12 @@ static bool read_http_element(const json_t* element, AccessLevel* directory, std
     return true;
 }
 
+static const json_t* http_list(const json_t* root) {
+    return manifest_object(root, nullptr, {"velkPackageConf", "configuration", "httpConfig"});
+}
+
 static bool read_http_config(const json_t* root, ParsedManifest* parsed, VelkctlError** error) {
-    const json_t* list = manifest_object(root, nullptr, {"velkPackageConf", "configuration", "httpConfig"});
+    const json_t* list = http_list(root);
     if (!list)
         return true;
     if (!json_is_array(list))
@@ -285,38 +304,104 @@ static bool read_http_config(const json_t* root, ParsedManifest* parsed, Velkctl
     return true;
 }
 
-using ParseStep = bool (*)(const json_t* root, ParsedManifest* parsed, VelkctlError** error);
+/*
+ * The rules of a list's single elements, for whoever wants to hear of all faults at once: each by the key it
+ * concerns, the last, without a key, for the element as a whole.
+ */
+
+struct ElementRule {
+    const char* key;
+    bool (*check)(const json_t* element, VelkctlError** error);
+};
+
+static constexpr ElementRule kRangeRules[] = {
+    {"min",
+     [](const json_t* element, VelkctlError** error) {
+         Version ignored;
+         return read_range_end(element, "min", &ignored, error);
+     }},
+    {"max",
+     [](const json_t* element, VelkctlError** error) {
+         Version ignored;
+         return read_range_end(element, "max", &ignored, error);
+     }},
+    {"",
+     [](const json_t* element, VelkctlError** error) {
+         VersionRange ignored;
+         return read_range(element, &ignored, error);
+     }},
+};
+
+static bool is_directory_element(const json_t* element) {
+    return manifest_string(element, nullptr, {"type"}) == "directory";
+}
+
+static constexpr ElementRule kHttpRules[] = {
+    {"type",
+     [](const json_t* element, VelkctlError** error) {
+         CgiType ignored = CGI_TRANSFER;
+         const std::optional<std::string> type = manifest_string(element, error, {"type"});
+         return type && (is_directory_element(element) || read_cgi_type(*type, &ignored, error));
+     }},
+    {"access",
+     [](const json_t* element, VelkctlError** error) {
+         AccessLevel ignored = ACCESS_ADMIN;
+         const std::optional<std::string> access = manifest_string(element, error, {"access"});
+         return access && read_access_level(*access, &ignored, error);
+     }},
+    {"name",
+     [](const json_t* element, VelkctlError** error) {
+         std::string ignored;
+         return is_directory_element(element) || read_cgi_name(element, &ignored, error);
+     }},
+    {"",
+     [](const json_t* element, VelkctlError** error) {
+         AccessLevel ignored = ACCESS_ADMIN;
+         std::vector<CgiEntry> entries;
+         return read_http_element(element, &ignored, &entries, error);
+     }},
+};
+
+/** One step of the parse. */
+struct ParseStep {
+    const char* key;  ///< the way to what it reads, for people
+    bool (*read)(const json_t* root, ParsedManifest* parsed, VelkctlError** error);
+    const json_t* (*list)(const json_t* root) = nullptr;  ///< where it reads a list
+    std::span<const ElementRule> elements = {};           ///< the rules of that
+    bool asks_device = false;
+};
 
 static constexpr ParseStep kSteps[] = {
-    read_app_name,
-    read_friendly_name,
-    read_version,
-    read_vendor_id,
-    read_architecture,
-    read_developer_mode,
-    read_user,
-    read_run_options,
-    read_run_mode,
-    read_os_version_ranges,
-    read_post_install_script,
-    read_pre_uninstall_script,
-    read_app_id,
-    read_dlpu_enabled,
-    read_dlpu_required,
-    check_dlpu,
-    read_container_host,
-    read_docker_symlinks,
-    read_real_time_priority,
-    read_http_config,
+    {"velkPackageConf.setup.appName", read_app_name},
+    {"velkPackageConf.setup.friendlyName", read_friendly_name},
+    {"velkPackageConf.setup.version", read_version},
+    {"velkPackageConf.setup.vendorId", read_vendor_id},
+    {"velkPackageConf.setup.architecture", read_architecture},
+    {"velkPackageConf.developerMode", read_developer_mode},
+    {.key = "velkPackageConf.developerMode.deviceSerialNumber", .read = check_device, .asks_device = true},
+    {"velkPackageConf.setup.user", read_user},
+    {"velkPackageConf.setup.runOptions", read_run_options},
+    {"velkPackageConf.setup.runMode", read_run_mode},
+    {"velkPackageConf.setup.compatibleOsVersions", read_os_version_ranges, os_version_list, kRangeRules},
+    {"velkPackageConf.installation.postInstallScript", read_post_install_script},
+    {"velkPackageConf.uninstallation.preUninstallScript", read_pre_uninstall_script},
+    {"velkPackageConf.setup.appId", read_app_id},
+    {"resources.deepLearningProcessor.enabled", read_dlpu_enabled},
+    {"resources.deepLearningProcessor.required", read_dlpu_required},
+    {"resources.deepLearningProcessor", check_dlpu},
+    {"velkPackageConf.configuration.containers.containerHost", read_container_host},
+    {"velkPackageConf.configuration.containers.createDockerSymlinks", read_docker_symlinks},
+    {"velkPackageConf.configuration.cpuScheduling.realTimePriority", read_real_time_priority},
+    {"velkPackageConf.configuration.httpConfig", read_http_config, http_list, kHttpRules},
 };
 
 static std::optional<ParsedManifest> parse(const json_t* manifest, bool strict, VelkctlError** error) {
     if (!manifest_object(manifest, error, {"velkPackageConf", "setup"}))
         return std::nullopt;
     ParsedManifest parsed;
-    for (const ParseStep step : kSteps) {
+    for (const ParseStep& step : kSteps) {
         ErrorSlot broken_rule;
-        if (step(manifest, &parsed, broken_rule) || !strict)
+        if (step.read(manifest, &parsed, broken_rule) || !strict)
             continue;
         broken_rule.move_to(error);
         return std::nullopt;
@@ -330,4 +415,48 @@ std::optional<ParsedManifest> parse_manifest(const json_t* manifest, VelkctlErro
 
 std::optional<ParsedManifest> parse_manifest_leniently(const json_t* manifest, VelkctlError** error) {
     return parse(manifest, false, error);
+}
+
+/** Add what is wrong with one element of a list, which as a whole is said only when no single key is at
+ * fault.
+ */
+static void find_element_faults(const json_t* element, std::span<const ElementRule> rules,
+                                const std::string& key, std::vector<ManifestFinding>* findings) {
+    const size_t before = findings->size();
+    for (const ElementRule& rule : rules) {
+        ErrorSlot fault;
+        const bool is_whole = *rule.key == '\0';
+        if (is_whole ? findings->size() > before : !json_is_object(element))
+            continue;
+        if (!rule.check(element, fault))
+            findings->push_back({is_whole ? key : key + "." + rule.key, fault.message()});
+    }
+}
+
+static void find_step_faults(const ParseStep& step, const json_t* manifest, ParsedManifest* parsed,
+                             std::vector<ManifestFinding>* findings) {
+    ErrorSlot fault;
+    if (step.read(manifest, parsed, fault))
+        return;
+    const json_t* list = step.list ? step.list(manifest) : nullptr;
+    const size_t count = json_array_size(list);
+    for (size_t i = 0; i < count; i++)
+        find_element_faults(json_array_get(list, i), step.elements,
+                            std::string(step.key) + "[" + std::to_string(i) + "]", findings);
+    if (count == 0)
+        findings->push_back({step.key, fault.message()});
+}
+
+std::vector<ManifestFinding> find_manifest_faults(const json_t* manifest) {
+    ErrorSlot missing;
+    if (!manifest_object(manifest, missing, {"velkPackageConf", "setup"})) {
+        const bool has_outer = manifest_object(manifest, nullptr, {"velkPackageConf"});
+        return {{has_outer ? "velkPackageConf.setup" : "velkPackageConf", missing.message()}};
+    }
+    std::vector<ManifestFinding> findings;
+    ParsedManifest parsed;
+    for (const ParseStep& step : kSteps)
+        if (!step.asks_device)
+            find_step_faults(step, manifest, &parsed, &findings);
+    return findings;
 }

@@ -3,6 +3,8 @@
 #include <jansson.h>
 
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "base/velkctl-error.h"
 #include "manifest/parsed-manifest.h"
@@ -24,6 +26,23 @@
  */
 [[nodiscard]] std::optional<ParsedManifest> parse_manifest_leniently(const json_t* manifest,
                                                                      VelkctlError** error);
+
+/** One broken rule of a manifest. */
+struct ManifestFinding {
+    std::string key;  ///< the way to the value, such as "velkPackageConf.configuration.httpConfig[1].name"
+    std::string message;  ///< as the device words it
+
+    bool operator==(const ManifestFinding&) const = default;
+};
+
+/**
+ * Every broken rule at once, in the order of a strict parse, for whoever writes a manifest. What only a
+ * device can tell, whose serial number it is, is left out; none is found exactly when a strict parse succeeds
+ * but for that.
+ *
+ * @param manifest  borrowed; null is a document without any key
+ */
+[[nodiscard]] std::vector<ManifestFinding> find_manifest_faults(const json_t* manifest);
 
 /** Records the error of a field whose text is no version. */
 using InvalidVersionHandler = void (*)(VelkctlError** error, const char* text);

@@ -15,7 +15,6 @@
 static constexpr int kMagicPlace = -8;
 static constexpr int kVersionPlace = -12;
 static constexpr int kSignatureSizePlace = -16;
-static constexpr uint32_t kLargestSignature = 0x7FFFFFF0;
 static constexpr uint32_t kBlock = 4096;
 // Blocks are what messages count; the system is asked for more at a time.
 static constexpr size_t kStreamBuffer = 128 << 10;
@@ -89,38 +88,66 @@ static off_t package_size(std::FILE* package, VelkctlError** error) {
     return size;
 }
 
+bool check_package_trailer(const PackageTrailer& trailer, off_t size, VelkctlError** error) {
+    if (trailer.signature_size == 0) {
+        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Invalid package, missing signature");
+        return false;
+    }
+    if (trailer.magic != PACKAGE_MAGIC || trailer.version != PACKAGE_VERSION) {
+        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Invalid signature%s%s",
+                          trailer.magic != PACKAGE_MAGIC ? ", incorrect magic" : "",
+                          trailer.version != PACKAGE_VERSION ? ", incorrect package version" : "");
+        return false;
+    }
+    const off_t room = size - static_cast<off_t>(PACKAGE_TRAILER_SIZE);
+    if (static_cast<off_t>(trailer.signature_size) <= room)
+        return true;
+    velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Signature size outside file boundary: %uB > %luB",
+                      trailer.signature_size, static_cast<unsigned long>(room));
+    return false;
+}
+
 bool read_package_trailer(std::FILE* package, PackageTrailer* trailer, VelkctlError** error) {
     uint64_t version = 0;
     uint64_t signature_size = 0;
     uint64_t magic = 0;
+    // The magic is read again: the file may have been exchanged since its kind was read.
     if (!read_number(package, kVersionPlace, sizeof trailer->version, "version", &version, error) ||
         !read_number(package, kSignatureSizePlace, sizeof trailer->signature_size, "signature size",
-                     &signature_size, error))
+                     &signature_size, error) ||
+        !read_magic(package, &magic, error))
         return false;
-    if (signature_size == 0) {
-        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Invalid package, missing signature");
-        return false;
-    }
-    // Compared again: the file may have been exchanged since its kind was read.
-    if (!read_magic(package, &magic, error))
-        return false;
-    if (magic != PACKAGE_MAGIC || version != PACKAGE_VERSION) {
-        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Invalid signature%s%s",
-                          magic != PACKAGE_MAGIC ? ", incorrect magic" : "",
-                          version != PACKAGE_VERSION ? ", incorrect package version" : "");
-        return false;
-    }
     const off_t size = package_size(package, error);
     if (size < 0)
         return false;
-    const off_t room = size - static_cast<off_t>(PACKAGE_TRAILER_SIZE);
-    if (static_cast<off_t>(signature_size) > room) {
-        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Signature size outside file boundary: %uB > %luB",
-                          static_cast<uint32_t>(signature_size), static_cast<unsigned long>(room));
+    const PackageTrailer found = {static_cast<uint32_t>(signature_size), static_cast<uint32_t>(version),
+                                  magic};
+    if (!check_package_trailer(found, size, error))
         return false;
-    }
-    *trailer = {static_cast<uint32_t>(signature_size), static_cast<uint32_t>(version), magic};
+    *trailer = found;
     return true;
+}
+
+PackageTrailer decode_package_trailer(std::string_view bytes) {
+    const auto number = [bytes](size_t place, size_t width) {
+        uint64_t value = 0;
+        for (const char byte : bytes.substr(place, width))
+            value = value << 8 | static_cast<unsigned char>(byte);
+        return value;
+    };
+    return {static_cast<uint32_t>(number(0, 4)), static_cast<uint32_t>(number(4, 4)), number(8, 8)};
+}
+
+std::string encode_package_trailer(uint32_t signature_size) {
+    std::string bytes;
+    const auto append = [&bytes](uint64_t value, int width) {
+        for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+            bytes += static_cast<char>(value >> shift & 0xFF);
+    };
+    append(signature_size, 4);
+    append(PACKAGE_VERSION, 4);
+    append(PACKAGE_MAGIC, 8);
+    return bytes;
 }
 
 /** A new file and what it is called. */
@@ -161,9 +188,9 @@ static bool copy_block(std::FILE* package, std::FILE* file, size_t length, bool*
 bool copy_package_signature(std::FILE* package, const PackageTrailer& trailer,
                             const std::string& name_template, std::string* made, VelkctlError** error) {
     // What is refused for its size anyway must not fill the disk first.
-    if (trailer.signature_size > kLargestSignature) {
+    if (trailer.signature_size > PACKAGE_SIGNATURE_LIMIT) {
         velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Signature size too large: %uB > %dB",
-                          trailer.signature_size, static_cast<int>(kLargestSignature));
+                          trailer.signature_size, static_cast<int>(PACKAGE_SIGNATURE_LIMIT));
         return false;
     }
     const uint64_t from_end = uint64_t{trailer.signature_size} + PACKAGE_TRAILER_SIZE;
@@ -198,9 +225,8 @@ static bool find_data_part(std::FILE* package, const PackageTrailer& trailer, ui
     if (fseeko(package, 0, SEEK_END) != 0)
         return set_signature_error(error, "Failed seek EOF");
     const off_t data_size = ftello(package) - behind;
-    // Lengths are signed 32-bit numbers in packages of this version; what does not fit one counts as
-    // negative.
-    if (data_size < 0 || data_size > INT32_MAX) {
+    // What does not fit a length counts as negative.
+    if (data_size < 0 || data_size > PACKAGE_DATA_LIMIT) {
         velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE,
                           "Can not read past beginning of file, signature size is too large");
         return false;

@@ -3,8 +3,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "base/velkctl-error.h"
+#include "system/archive.h"
 
 /*
  * A signed package is a data part, a detached signature, and a trailer of 16 bytes: the size of the
@@ -21,6 +23,11 @@ struct PackageTrailer {
 
 inline constexpr uint32_t PACKAGE_TRAILER_SIZE = 16;
 inline constexpr uint32_t PACKAGE_VERSION = 1;
+/** The largest signature that is read. */
+inline constexpr uint32_t PACKAGE_SIGNATURE_LIMIT = 0x7FFFFFF0;
+/** The largest data part of a signed package: lengths are signed 32-bit numbers in packages of this version.
+ */
+inline constexpr int32_t PACKAGE_DATA_LIMIT = INT32_MAX;
 
 /**
  * Whether the package ends in the magic number.
@@ -35,6 +42,15 @@ inline constexpr uint32_t PACKAGE_VERSION = 1;
 
 /** Read and check the trailer of a signed package; code 2, with `trailer` untouched. */
 [[nodiscard]] bool read_package_trailer(std::FILE* package, PackageTrailer* trailer, VelkctlError** error);
+
+/** The three rules of a trailer in a package of `size` bytes; code 2. */
+[[nodiscard]] bool check_package_trailer(const PackageTrailer& trailer, off_t size, VelkctlError** error);
+
+/** The trailer in exactly PACKAGE_TRAILER_SIZE bytes, unchecked. */
+[[nodiscard]] PackageTrailer decode_package_trailer(std::string_view bytes);
+
+/** The bytes of the trailer behind a signature of that size. */
+[[nodiscard]] std::string encode_package_trailer(uint32_t signature_size);
 
 /**
  * Write the signature into a new file made from `name_template`, whose six X before the four characters of

@@ -1,5 +1,6 @@
 """tools/check-docs accepts a checkout that agrees with itself and refuses every disagreement that it looks for."""
 
+import hashlib
 import pathlib
 import subprocess
 
@@ -106,22 +107,6 @@ def test_a_checkout_without_a_command_table_is_refused(check):
     )
 
 
-def test_the_manual_page_has_a_section_for_each_command_and_no_other(check):
-    assert check({"man/velkctl.8": '.SH NAME\n.SS backup\n.SS "re\\-import"\n.SH FILES\n'})[0] == 0
-    assert check({"man/velkctl.8": ".SH NAME\n.SS backup\n.SS rewind\n"}) == (
-        1,
-        ["man: the command re-import has no section", "man: the section rewind belongs to no command"],
-    )
-
-
-def test_a_completion_knows_each_command(check):
-    assert check({"completions/velkctl.bash": "words='backup re-import'\n"})[0] == 0
-    assert check({"completions/velkctl.bash": "words='backups re-import'\n"}) == (
-        1,
-        ["completions/velkctl.bash: the command backup is missing"],
-    )
-
-
 @pytest.mark.parametrize("text", ["Use `velkctl rewind App`.\n", "```\nvelkctl rewind App\n```\n"])
 def test_the_readme_names_no_other_command(check, text):
     assert check({"README.md": text}) == (1, ["README.md: velkctl has no command rewind"])
@@ -143,3 +128,16 @@ def test_a_file_that_is_not_tracked_may_say_anything(check, tmp_path):
     assert check({})[0] == 0
     (tmp_path / "scratch.txt").write_text("Part" + " 6.1\n")
     assert subprocess.run([TOOL, tmp_path], capture_output=True, check=False).returncode == 0
+
+
+def test_a_picture_must_be_drawn_from_its_text_as_it_is(check):
+    text = "digraph {}\n"
+    mark = f"<!-- drawn from a.dot {hashlib.sha256(text.encode()).hexdigest()} -->\n"
+    assert check({"docs/pictures/a.dot": text, "docs/pictures/a.svg": f"<svg/>\n{mark}"})[0] == 0
+    lines = ["docs/pictures/a.svg: is not drawn from its text as it is; tools/pictures draws it"]
+    assert check({"docs/pictures/a.dot": text + "\n", "docs/pictures/a.svg": f"<svg/>\n{mark}"}) == (1, lines)
+
+
+def test_a_link_must_lead_to_a_file(check):
+    assert check({"docs/a.md": "[b](b.md#part) [far](https://example.invalid/x)\n", "docs/b.md": ""})[0] == 0
+    assert check({"docs/c.md": "[b](../b.md)\n"}) == (1, ["docs/c.md: the link to ../b.md leads nowhere"])

@@ -5,7 +5,7 @@ from __future__ import annotations
 import sys
 from pathlib import Path
 
-from . import host, image, package, parts, snapshot
+from . import host, image, package, parts, snapshot, trial
 from .device import Device
 
 HELP = """usage: device/device COMMAND [ARGUMENT...]
@@ -15,10 +15,11 @@ image                   make the image and the compiled parts, if they are not t
 shell                   boot a device and give a prompt on it
 run COMMAND [ARG...]    boot a device, run one command on it, end with its status
 pack FOLDER FILE.vlp    make a package of a folder, signed with the key that every device trusts
+try FILE.vlp|FOLDER     boot a device, install and start the application, give its web address and a prompt
 snapshot                boot a device and print its state as text
 help                    this text
 
-The program in $VELKCTL_BINARY is installed on the device as velkctl.
+The program in $VELKCTL_BINARY is installed on the device as velkctl; `try` packs with the one in $VELK_PACK_BINARY.
 """
 
 
@@ -69,6 +70,8 @@ def _main(argv: list[str]) -> int:
             return _shell()
         case ["run", *command] if command:
             return _run(command)
+        case ["try", path]:
+            return trial.main(path)
         case ["snapshot"]:
             return _snapshot()
         case ["pack", folder, target]:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import ctypes
 import errno
 import fcntl
 import io
@@ -13,6 +14,7 @@ import signal
 import socket
 import subprocess
 import tarfile
+import threading
 import time
 import uuid
 from collections.abc import Callable, Mapping, Sequence
@@ -22,8 +24,10 @@ from typing import IO, Any
 
 from . import host, image, package, parts
 from .host import DeviceError
+from .supervisor import NAMESPACES
 
 DISK_BYTES = 6 << 30  # sparse: what is not written takes no room
+CLONE_NEWNET = 0x40000000
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 # What a sanitizer or a coverage run needs inside the device; all else of the caller's environment stays
 # outside.
@@ -349,6 +353,30 @@ class Device:
             return subprocess.run(
                 command, pass_fds=descriptors, env=environment, cwd="/", check=False
             ).returncode
+
+    def connect(self, port: int) -> socket.socket:
+        """A connection to a port of the device's loopback; OSError when nobody listens there."""
+        if not self.running:
+            raise ConnectionRefusedError(errno.ECONNREFUSED, "the device is off")
+        network = self._held[NAMESPACES.index("net")]
+        made: list[socket.socket] = []
+        reasons: list[OSError] = []
+
+        # A socket stays in the network in which it was made, and a thread of its own may leave its own for good.
+        def make() -> None:
+            try:
+                if ctypes.CDLL(None, use_errno=True).setns(network, CLONE_NEWNET) != 0:
+                    raise OSError(ctypes.get_errno(), "the device's network cannot be entered")
+                made.append(socket.create_connection(("127.0.0.1", port)))
+            except OSError as reason:
+                reasons.append(reason)
+
+        thread = threading.Thread(target=make)
+        thread.start()
+        thread.join()
+        if reasons:
+            raise reasons[0]
+        return made[0]
 
     # --- files; always through a process on the device, so that its links mean what they mean there ---
 

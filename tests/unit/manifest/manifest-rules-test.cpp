@@ -400,3 +400,88 @@ TEST(ManifestRules, AVersionCannotBeReadIntoNothing) {
                                                                       nullptr, error),
                  "`version' failed");
 }
+
+/** Every finding as "KEY: MESSAGE". */
+static std::vector<std::string> faults(const json_t* manifest) {
+    std::vector<std::string> lines;
+    for (const ManifestFinding& finding : find_manifest_faults(manifest))
+        lines.push_back(finding.key + ": " + finding.message);
+    return lines;
+}
+
+TEST(ManifestRules, AValidManifestHasNoFaults) {
+    EXPECT_EQ(faults(test::valid_manifest().get()), std::vector<std::string>{});
+    EXPECT_EQ(faults(test::small_manifest().get()), std::vector<std::string>{});
+}
+
+TEST(ManifestRules, EachBrokenRuleIsFoundUnderItsKeyInTheDevicesWords) {
+    for (const BrokenRule& rule : kBrokenRules) {
+        const JsonPtr manifest = manifest_with(rule.path, rule.value);
+        ErrorSlot error;
+        EXPECT_FALSE(parse_manifest(manifest.get(), error));
+        const std::string what = std::string(rule.path) + ": " + rule.value;
+        const std::vector<ManifestFinding> found = find_manifest_faults(manifest.get());
+        ASSERT_GE(found.size(), 1U) << what;
+        bool named = false;
+        for (const ManifestFinding& finding : found) {
+            named = named || finding.message == error.message();
+            // The value is named, or what it is in conflict with next to it.
+            const std::string key = finding.key;
+            EXPECT_TRUE(key.starts_with(rule.path) || std::string(rule.path).starts_with(key))
+                << what << " " << key;
+        }
+        EXPECT_TRUE(named) << what;
+    }
+}
+
+TEST(ManifestRules, EveryFaultOfAManifestIsFoundAtOnce) {
+    const JsonPtr manifest = test::json_of(R"({"velkPackageConf": {
+        "setup": {"appName": "1bad", "friendlyName": "a\nb", "appId": "x", "compatibleOsVersions":
+            [{"min": "1.02", "max": 5}, {"min": "1", "max": "2"}, 7, {"min": "2", "max": "1"}]},
+        "configuration": {"cpuScheduling": {"realTimePriority": 5}, "httpConfig":
+            [{"type": "directory", "access": "viewer"}, {"type": "odd", "access": "all", "name": "../x"}, 5,
+             {"access": "admin"}]}},
+        "resources": {"deepLearningProcessor": {"required": true}}})");
+    EXPECT_EQ(
+        faults(manifest.get()),
+        (std::vector<std::string>{
+            SETUP "appName: Character sequence in application name is not allowed",
+            SETUP "friendlyName: Field 'friendlyName' in manifest contains a newline",
+            SETUP "version: Could not read version from manifest",
+            SETUP "runMode: Could not read runMode from manifest",
+            SETUP "compatibleOsVersions[0].min: compatibleOsVersions contains invalid values: '1.02'",
+            SETUP "compatibleOsVersions[0].max: Could not read from manifest - value is not string",
+            SETUP "compatibleOsVersions[2]: compatibleOsVersions element is not an object",
+            SETUP "compatibleOsVersions[3]: Invalid compatibleOsVersions range: min 2 > max 1",
+            SETUP "appId: Failed to convert the string to an integer for 'appId'",
+            "resources.deepLearningProcessor: DLPU access cannot be granted when required but enabled is set "
+            "to "
+            "false in the manifest",
+            CONFIGURATION
+            "cpuScheduling.realTimePriority: Could not read from manifest - value is not string",
+            CONFIGURATION "httpConfig[1].type: Invalid CGI type in manifest",
+            CONFIGURATION "httpConfig[1].access: Invalid access level in manifest",
+            CONFIGURATION "httpConfig[1].name: Field 'httpConfig.name' in manifest contains a path traversal",
+            CONFIGURATION "httpConfig[2]: Could not read type from manifest",
+            CONFIGURATION "httpConfig[3].type: Could not read type from manifest",
+            CONFIGURATION "httpConfig[3].name: Could not read name from manifest",
+        }));
+}
+
+TEST(ManifestRules, WithoutTheTwoOuterObjectsThatIsTheOnlyFault) {
+    EXPECT_EQ(faults(nullptr),
+              std::vector<std::string>{"velkPackageConf: Could not read velkPackageConf from manifest"});
+    EXPECT_EQ(faults(test::json_of(R"({"velkPackageConf": 5})").get()),
+              std::vector<std::string>{"velkPackageConf.setup: Could not read setup from manifest"});
+}
+
+TEST(ManifestRules, WhoseSerialNumberADeveloperModeManifestNamesIsNoFault) {
+    const JsonPtr manifest = manifest_with(SETUP "appName", R"("developer_mode")");
+    change(manifest.get(), "velkPackageConf.developerMode",
+           R"({"vendorId": "acme", "deviceSerialNumber": "another"})");
+    EXPECT_EQ(faults(manifest.get()), std::vector<std::string>{});
+    change(manifest.get(), "velkPackageConf.developerMode", "{}");
+    EXPECT_EQ(faults(manifest.get()),
+              std::vector<std::string>{"velkPackageConf.developerMode: Developer Mode manifest is missing "
+                                       "required field: 'developerMode.vendorId'"});
+}

@@ -273,3 +273,11 @@ TEST_F(PackageTest, DataThatCannotBeWrittenLeavesNoFile) {
     EXPECT_EQ(copy_with_limit(300000).output, "copied");
     EXPECT_EQ(tree().size(), 2U);
 }
+
+TEST(PackageTrailerBytes, AreBigEndianAndReadBackAsWritten) {
+    EXPECT_EQ(encode_package_trailer(0x01020304), trailer_of(0x01020304));
+    const PackageTrailer trailer = decode_package_trailer(trailer_of(0xFFFFFFFE, 7));
+    EXPECT_EQ(trailer.signature_size, 0xFFFFFFFE);
+    EXPECT_EQ(trailer.version, 7U);
+    EXPECT_EQ(trailer.magic, PACKAGE_MAGIC);
+}
