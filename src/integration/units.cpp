@@ -56,25 +56,25 @@ std::optional<std::string> layer_overlay_unit_text(const OverlayUnit& unit, Velk
                              "local-fs.target", error);
 }
 
-/** A path as the service manager reads it back: percent signs would begin a specifier. */
-static std::string unit_path(const std::string& path) {
+/** A text as the service manager reads it back: percent signs would begin a specifier. */
+static std::string without_specifiers(const std::string& plain) {
     std::string text;
-    for (const char character : path)
+    for (const char character : plain)
         text.append(character == '%' ? 2 : 1, character);
     return text;
 }
 
 /** A path in a list of paths, where a blank would begin the next one. Quoted only when it must be. */
 static std::string unit_path_in_list(const std::string& path) {
-    std::string text = unit_path(path);
+    std::string text = without_specifiers(path);
     return text.find_first_of(" \t\"'\\") == std::string::npos ? text : double_quoted(text);
 }
 
 std::optional<std::string> squashfs_unit_text(const SquashfsUnit& unit, VelkctlError** error) {
     return UnitText("SQFS mount for " + unit.app)
         .add("Unit", "RequiresMountsFor", unit_path_in_list(unit.directory))
-        .add("Mount", "What", unit_path(unit.image))
-        .add("Mount", "Where", unit_path(unit.mount_point))
+        .add("Mount", "What", without_specifiers(unit.image))
+        .add("Mount", "Where", without_specifiers(unit.mount_point))
         .add("Mount", "Type", "squashfs")
         .add("Mount", "Options", "ro,nosuid,nodev")
         .text(error);
@@ -144,7 +144,7 @@ static void add_container_sections(const ServiceUnit& unit, UnitText* text) {
 
 std::optional<std::string> service_unit_text(const ServiceUnit& unit, VelkctlError** error) {
     const std::string after = "velk-pre.target " + unit.overlay_unit;
-    UnitText text(unit.description);
+    UnitText text(without_specifiers(unit.description));
     text.add("Unit", "After", after).add("Unit", "Requires", after);
     for (const std::string& mount : unit.required_mounts)
         text.add("Unit", "RequiresMountsFor", unit_path_in_list(mount));

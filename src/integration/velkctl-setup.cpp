@@ -1,5 +1,6 @@
 #include "integration/velkctl-setup.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -178,14 +179,60 @@ bool own_application_directory(const Setup& setup, std::optional<mode_t> mode, V
            (!mode || set_open_mode(directory->fd(), directory->path(), *mode, error));
 }
 
+/** The groups by which the device itself shares an application's files; any other is that of the user it has
+ * or had. */
+std::vector<gid_t> sharing_groups() {
+    std::vector<gid_t> groups;
+    for (const char* name : {"root", "admin", "operator", "viewer", "www"}) {
+        ErrorSlot unknown;
+        groups.push_back(find_group_id(name, unknown));
+    }
+    return groups;
+}
+
+/**
+ * What an application on the first card or in the layer store has written lies in a layer of its own, where
+ * it outlives a teardown. Its user may have another number by now, and the old one may be another
+ * application's: what was the user's is the user's again. The system's own files there stay the system's.
+ */
+bool own_writable_layer(const Setup& setup, VelkctlError** error) {
+    // A layer must not be changed while it is mounted, and the layer store's is mounted by now.
+    const std::string root =
+        setup.on_layers() ? setup.directory : store_path(setup.app, setup.location) + "/upper";
+    if (!is_directory(root))
+        return true;
+    const std::optional<AreaDirectory> layer = open_area(root, error);
+    const gid_t own_gid = find_group_id(setup.user.group, error);
+    if (!layer || own_gid == static_cast<gid_t>(-1))
+        return false;
+    const std::vector<gid_t> shared = sharing_groups();
+    int failed = 0;
+    const int result =
+        walk_tree(layer->access_path("."), TreeOrder::DirectoryFirst, [&](const TreeEntry& entry) {
+            const bool is_shared =
+                std::find(shared.begin(), shared.end(), entry.status.st_gid) != shared.end();
+            const gid_t gid = is_shared ? static_cast<gid_t>(-1) : own_gid;
+            if (entry.status.st_uid == 0 || entry.status.st_uid == setup.uid ||
+                lchown(entry.access_path.c_str(), setup.uid, gid) == 0)
+                return true;
+            failed = errno;
+            return false;
+        });
+    if (result != 0)
+        SET_GENERAL_ERROR(error, "Failed recursively setting ownership of files in %s: %s", root.c_str(),
+                          system_error_text(failed != 0 ? failed : result).c_str());
+    return result == 0;
+}
+
 bool own_files(Setup* setup, VelkctlError** error) {
     if (setup->on_layers())  // the mount's options own the contents
-        return own_application_directory(*setup, std::nullopt, error);
+        return own_writable_layer(*setup, error) && own_application_directory(*setup, std::nullopt, error);
     const std::string root =
         setup->on_first_card() ? store_path(setup->app, setup->location) + "/lower" : setup->directory;
     const std::optional<AreaDirectory> tree = open_area(root, error);
-    return tree && own_tree(*setup, *tree, error) && prepare_scripts(*setup, *tree, error) &&
-           own_application_directory(*setup, 0755, error);
+    return tree && own_tree(*setup, *tree, error) &&
+           (!setup->on_first_card() || own_writable_layer(*setup, error)) &&
+           prepare_scripts(*setup, *tree, error) && own_application_directory(*setup, 0755, error);
 }
 
 bool check_setting_page(Setup* setup, VelkctlError** error) {

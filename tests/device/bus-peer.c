@@ -1,10 +1,10 @@
 /*
- * bus-peer serve NAME        owns the name, answers every Ask with "answer", and says "owned" when it has the name
- * bus-peer ask NAME          calls Ask; prints the answer
- * bus-peer hear NAME         says "listening", waits for a signal of the name's owner and prints what it carries
- * bus-peer tell NAME         owns the name and sends one signal
+ * What the system bus lets its caller do with a name; "refused" and exit status 1 for what it does not.
  *
- * Each on the system bus, as whoever started it. What the bus refuses is printed as "refused", and the exit status is 1.
+ *   bus-peer serve NAME   own the name, say "owned", and answer every Ask with "answer"
+ *   bus-peer ask NAME     call Ask, and print the answer
+ *   bus-peer tell NAME    own the name, send one signal, and say "told"
+ *   bus-peer hear NAME    say "listening", and print what the first signal of the owner carries
  */
 #include <gio/gio.h>
 #include <stdio.h>
@@ -27,8 +27,8 @@ static int failed(GError* error) {
     return 1;
 }
 
-static void on_call(GDBusConnection* bus, const char* sender, const char* object, const char* name, const char* method,
-                    GVariant* arguments, GDBusMethodInvocation* call, gpointer data) {
+static void on_call(GDBusConnection* bus, const char* sender, const char* object, const char* name,
+                    const char* method, GVariant* arguments, GDBusMethodInvocation* call, gpointer data) {
     (void)bus, (void)sender, (void)object, (void)name, (void)method, (void)arguments, (void)data;
     g_dbus_method_invocation_return_value(call, g_variant_new("(s)", "answer"));
 }
@@ -43,9 +43,10 @@ static void on_signal(GDBusConnection* bus, const char* sender, const char* obje
 }
 
 static gboolean own(GDBusConnection* bus, const char* name, GError** error) {
-    GVariant* reply = g_dbus_connection_call_sync(
-        bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", name, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE), NULL, G_DBUS_CALL_FLAGS_NONE, -1, NULL, error);
+    GVariant* reply =
+        g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "RequestName",
+                                    g_variant_new("(su)", name, G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE), NULL,
+                                    G_DBUS_CALL_FLAGS_NONE, -1, NULL, error);
     if (reply != NULL) {
         g_variant_unref(reply);
     }
@@ -67,8 +68,9 @@ static int serve(GDBusConnection* bus, GMainLoop* loop, const char* name, GError
 
 static int ask(GDBusConnection* bus, const char* name, GError* error) {
     const char* text = NULL;
-    GVariant* reply = g_dbus_connection_call_sync(bus, name, path, interface, "Ask", NULL, G_VARIANT_TYPE("(s)"),
-                                                  G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, NULL, &error);
+    GVariant* reply =
+        g_dbus_connection_call_sync(bus, name, path, interface, "Ask", NULL, G_VARIANT_TYPE("(s)"),
+                                    G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, NULL, &error);
     if (reply == NULL) {
         return failed(error);
     }
@@ -79,8 +81,8 @@ static int ask(GDBusConnection* bus, const char* name, GError* error) {
 }
 
 static int hear(GDBusConnection* bus, GMainLoop* loop, const char* name) {
-    g_dbus_connection_signal_subscribe(bus, name, interface, "Changed", path, NULL, G_DBUS_SIGNAL_FLAGS_NONE, on_signal,
-                                       loop, NULL);
+    g_dbus_connection_signal_subscribe(bus, name, interface, "Changed", path, NULL, G_DBUS_SIGNAL_FLAGS_NONE,
+                                       on_signal, loop, NULL);
     g_dbus_connection_flush_sync(bus, NULL, NULL);
     say("listening");
     g_main_loop_run(loop);
@@ -89,7 +91,8 @@ static int hear(GDBusConnection* bus, GMainLoop* loop, const char* name) {
 
 static int tell(GDBusConnection* bus, const char* name, GError* error) {
     if (!own(bus, name, &error) ||
-        !g_dbus_connection_emit_signal(bus, NULL, path, interface, "Changed", g_variant_new("(s)", "changed"), &error) ||
+        !g_dbus_connection_emit_signal(bus, NULL, path, interface, "Changed", g_variant_new("(s)", "changed"),
+                                       &error) ||
         !g_dbus_connection_flush_sync(bus, NULL, &error)) {
         return failed(error);
     }

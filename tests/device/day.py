@@ -19,7 +19,7 @@ from setups import STORE
 from velkdevice.device import Device
 
 MODES = ("once", "respawn", "respawnOnFailure", "never")
-LOCATIONS = ("internal", "sd_card1")
+LOCATIONS = ("internal", "sd_card1", "internal_vlpfs")
 PACKAGES = "/run/velk-day"
 
 # One look at everything; a section for each that is responsible.

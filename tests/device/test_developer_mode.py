@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import json
 import re
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 import pytest
+from apps import example
+from store_support import allow_unsigned
 from velkdevice import package
 from velkdevice.device import Device
 
@@ -156,3 +158,108 @@ def test_a_developer_mode_application_without_schemas_is_told(developer: Develop
         developer.device.sh('mkdir -p "$1"', schemas if left == "an empty directory" else f"{schemas}/a/b").check()
     log = "code 10: src/lifecycle/velkctl-developer-mode.cpp: Developer mode app lacks schemas\n"
     assert developer.validate() == (10, "", log)
+
+
+# --- the application itself, as an operator installs it ---
+
+
+@pytest.fixture
+def example_mode(pristine: Device) -> Iterator[Device]:
+    """The device with a card, and an unsigned application of the example's vendor that its schemas accept."""
+    pristine.insert_card()
+    manifest = package.manifest("Loose", vendorId="VELKCTL-examples")
+    pristine.write(f"{STORE}/Loose/manifest.json", json.dumps(manifest), 0o444)
+    yield pristine
+    pristine.velkctl("uninstall", "developer_mode")
+    pristine.sh(f"rm -rf {STORE}/Loose {STATES}/developer_mode /tmp/velkctl_*").check()
+    pristine.remove_card()
+
+
+def test_installed_it_puts_the_device_into_the_mode(
+    example_mode: Device, put_package: Callable[..., str]
+) -> None:
+    path = put_package(example_mode, example("developer_mode"))
+    assert example_mode.velkctl("install", path).status == 0
+    assert example_mode.velkctl("validate-manifest", "Loose").status == 0
+    [mode] = [one for one in json.loads(example_mode.velkctl("list").stdout) if one["appName"] == "developer_mode"]
+    assert (mode["developerMode"], mode["signatureStatus"]) == ("Yes", "Signed")
+    example_mode.velkctl("uninstall", "developer_mode").check()
+    result = example_mode.velkctl("validate-manifest", "Loose")
+    assert (result.status, result.stderr) == (2, NOT_IN_MODE)
+
+
+def test_made_for_another_device_it_is_not_installed(
+    example_mode: Device, put_package: Callable[..., str]
+) -> None:
+    files = example("developer_mode")
+    files["manifest.json"]["velkPackageConf"]["developerMode"]["deviceSerialNumber"] = "ACCC8E000002"
+    result = example_mode.velkctl("install", put_package(example_mode, files))
+    text = "code 51: Device serial number 'ACCC8E000001' does not match manifest serial number 'ACCC8E000002'\n"
+    assert (result.status, result.stderr) == (51, text)
+    assert example_mode.sh(f"ls -A {STORE}").stdout.split().count("developer_mode") == 0
+
+
+def test_unsigned_it_is_not_installed_and_where_that_is_allowed_it_is_none(
+    example_mode: Device, put_package: Callable[..., str]
+) -> None:
+    path = put_package(example_mode, example("developer_mode"), sign=False)
+    assert example_mode.velkctl("install", path).stderr == "code 2: Unsigned package not allowed\n"
+    settings = example_mode.read("/etc/velk/conf/packageparser.conf")
+    allow_unsigned(example_mode)
+    example_mode.velkctl("install", path).check()
+    example_mode.write("/etc/velk/conf/packageparser.conf", settings)
+    result = example_mode.velkctl("validate-manifest", "Loose")
+    assert (result.status, result.stderr) == (2, NOT_IN_MODE)
+
+
+def test_on_a_card_it_is_none(example_mode: Device, put_package: Callable[..., str]) -> None:
+    example_mode.velkctl("install", put_package(example_mode, example("developer_mode")), "sd_card1").check()
+    result = example_mode.velkctl("validate-manifest", "Loose")
+    assert (result.status, result.stderr) == (2, NOT_IN_MODE)
+
+
+# --- schema directories ---
+
+
+@pytest.mark.parametrize("text", ["no schema", "", "[1]", '{"$ref": "#/nowhere"}'])
+def test_a_schema_that_is_none_matches_nothing(developer: Developer, text: str) -> None:
+    developer.schema("open.json", text)
+    status, output, log = developer.validate()
+    assert (status, output) == (54, "")
+    assert log.splitlines()[-1] == "code 54: Loose: No valid schemas found - No matching schema for Loose"
+    assert len(log.splitlines()) == 2
+
+
+def test_schemas_lie_at_any_depth(developer: Developer) -> None:
+    developer.without(f"{STORE}/developer_mode/schema/open.json")
+    developer.schema("a/b/c/d/open.json", True)
+    assert developer.validate() == (0, "", "")
+
+
+def test_the_failures_of_all_depths_are_told(developer: Developer) -> None:
+    for name in ("open.json", "a/refusing.json", "a/b/refusing.json"):
+        developer.schema(name, False)
+    status, _, log = developer.validate()
+    assert status == 54
+    told = [line for line in log.splitlines() if line.startswith("Failed to validate Loose using schema file ")]
+    assert len(told) == 3
+
+
+def test_what_is_no_file_in_a_schema_directory_is_passed_over(developer: Developer) -> None:
+    developer.device.sh(f"mkfifo {STORE}/developer_mode/schema/a-pipe; ln -s /dev/zero {STORE}/developer_mode/schema/b").check()
+    assert developer.validate() == (0, "", "")
+
+
+def test_validate_manifest_takes_any_name(developer: Developer) -> None:
+    """No application has such a name, which is all there is to say."""
+    for name in ("../Loose", "1x", "a b"):
+        status, output, log = developer.validate(name)
+        assert (status, output) == (4, ""), log
+
+
+@pytest.mark.parametrize("arguments", [[], ["a", "b"]])
+def test_validate_manifest_takes_one_argument(pristine: Device, arguments: list[str]) -> None:
+    result = pristine.velkctl("validate-manifest", *arguments)
+    text = "Too many arguments" if arguments else "Missing positional argument"
+    assert (result.status, result.stderr) == (10, f"code 10: {text}\n")
+    assert result.stdout.startswith("\nUsage: velkctl validate-manifest [OPTIONS] <APP>\n")

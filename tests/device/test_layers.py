@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import json
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
 
@@ -152,6 +152,23 @@ def test_an_upgrade_keeps_data(layered: Device, put_package: Put) -> None:
     assert layered.velkctl("list", "--version", "Sample").stdout == "2.0.0"
     assert layered.read(f"{STORE}/Sample/localdata/note") == "kept\n"
     assert mounted(layered) == ["tmpfs ro", "overlay rw"]
+
+
+def test_a_package_of_the_firmware_is_mounted_where_it_is(
+    layered: Device, make_package: Callable[..., Path]
+) -> None:
+    """It stays in the firmware, its signature behind its archive, and the layer is a link to it."""
+    path = "/usr/share/packages/Sample.vlp"
+    for compress in (True, False):
+        layered.copy_in(make_package(layered_app(), compress=compress), path)
+        layered.write(f"{path}.json", '{"signed": true}')
+        status, log = velkctl(layered, "install", path, WHERE)
+        assert (status, without_links(log)) == INSTALLED
+        assert layered.run(["readlink", f"{LAYERS}/Sample/lower.vlp"]).stdout == f"{path}\n"
+        assert layered.read(f"{STORE}/Sample/html/sub/page.html") == "deep\n"
+        assert velkctl(layered, "uninstall", "Sample")[0] == 0
+        assert layered.exists(path)
+        layered.sh(f"rm {path} {path}.json").check()
 
 
 def test_it_runs_again_after_a_reboot(fresh_device: Device, put_package: Put) -> None:

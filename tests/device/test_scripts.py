@@ -47,7 +47,7 @@ TIMEOUT = 4
 
 def identity_app(name: str, place: Any) -> dict[str, Any]:
     files = section(app(), "resources.linux.user.groups", ["video", "audio"])
-    return place(files, **{name: "who.sh"}) | {"who.sh": IDENTITY}
+    return place(files, **{name: "sub/who.sh"}) | {"sub/who.sh": (IDENTITY, 0o644)}  # setup makes it a program
 
 
 @pytest.mark.parametrize(

@@ -262,31 +262,6 @@ def test_the_exit_status_of_the_script_counts(
         assert outside(workshop, "Sample") == before
 
 
-def test_a_script_that_hangs_is_killed_with_its_descendants(workshop: Device, put_package: Put) -> None:
-    script = "#!/bin/sh\ntrap '' TERM INT HUP\nfor i in $(seq 20); do (sleep 4711 & setsid sleep 4711 & wait) & done\nwait\n"
-    files = installation(app(), postInstallScript="after.sh") | {"after.sh": script}
-    store_app(workshop, put_package, files)
-    before = outside(workshop, "Sample")
-    short = workshop.read(SETTINGS).replace("PostInstallScriptTimeout=60", "PostInstallScriptTimeout=2")
-    with changed(workshop, SETTINGS, short):
-        status, told = velkctl(workshop, "setup", "Sample")
-    assert status == 15
-    assert told.endswith("code 15: Execution of after.sh took more than 2 s so the process was forcefully killed.\n")
-    assert workshop.run(["pgrep", "-f", "sleep 4711"]).stdout == ""
-    assert outside(workshop, "Sample") == before
-
-
-def test_the_script_has_no_privilege_left(workshop: Device, put_package: Put) -> None:
-    script = "#!/bin/sh\npwd >localdata/ids\nid -Gn >>localdata/ids\ngrep -E '^(Uid|Gid|CapEff|CapPrm)' /proc/self/status >>localdata/ids\n"
-    files = section(app(), "resources.linux.user.groups", ["video"])
-    files = installation(files, postInstallScript="sub/after.sh") | {"sub/after.sh": (script, 0o644)}
-    set_up(workshop, put_package, files)
-    uid, gid = workshop.sh("id -u velk-sample; id -g velk-sample").check().stdout.split()
-    assert workshop.read(f"{STORE}/Sample/localdata/ids").splitlines() == [
-        f"{STORE}/Sample", "velk-sample video", "Uid:" + f"\t{uid}" * 4, "Gid:" + f"\t{gid}" * 4,
-        "CapPrm:\t0000000000000000", "CapEff:\t0000000000000000"]  # fmt: skip
-
-
 def test_the_time_out_must_be_configured(workshop: Device, put_package: Put) -> None:
     store_app(workshop, put_package, app())
     before = outside(workshop, "Sample")

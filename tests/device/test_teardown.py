@@ -320,3 +320,33 @@ def test_container_links_of_another_application_stay(workshop: Device, put_packa
     finally:
         workshop.velkctl("uninstall", "Other")
         workshop.sh("rm -rf /usr/local/lib/docker").check()
+
+
+LINKS = {"docker": "/usr/local/bin/docker", "docker-compose": "/usr/local/lib/docker/cli-plugins/docker-compose"}
+# What may stand where a link of the application was.
+FOREIGN = {
+    "another application's link": f'ln -sfn "{STORE}/Other/$2" "$1"',
+    "a link by another road": f'ln -sfn "{STORE}/../packages/Sample/$2" "$1"',
+    "a file": 'rm "$1"; echo mine >"$1"',
+    "nothing": 'rm "$1"',
+}
+
+
+@pytest.mark.parametrize("script", FOREIGN.values(), ids=FOREIGN)
+def test_only_the_applications_own_container_links_go(workshop: Device, put_package: Put, script: str) -> None:
+    """Each of the two links is somebody else's in turn: it stays as it is, the other one goes, and nothing fails."""
+    tools: dict[str, Any] = {"docker": "#!/bin/sh\n", "docker-compose": "#!/bin/sh\n"}
+    look = 'for path; do stat -c "%F %N" "$path" 2>/dev/null || echo gone; done'
+    workshop.sh("mkdir -p /usr/local/lib/docker/cli-plugins").check()
+    store_app(workshop, put_package, configured(containers={"createDockerSymlinks": True}) | tools)
+    try:
+        for tool, link in LINKS.items():
+            workshop.velkctl("setup", "Sample").check()
+            workshop.sh(script, link, tool).check()
+            before = workshop.sh(look, link).stdout
+            assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
+            others = [path for path in LINKS.values() if path != link]
+            assert workshop.sh(look, link, *others).stdout == before + "gone\n"
+            workshop.sh('rm -f "$1"', link).check()
+    finally:
+        workshop.sh("rm -rf /usr/local/lib/docker /usr/local/bin/docker").check()

@@ -13,8 +13,8 @@ from typing import Any
 
 import pytest
 from apps import LOCK, app, example, installation, is_locked, stored, uninstallation, without_place
-from setups import STORE, UNITS, Put, changed, failing, fetch, outside, program, section, velkctl
-from store_support import CARD2, tree
+from setups import SETTINGS, STORE, UNITS, Put, changed, failing, fetch, outside, program, section, velkctl
+from store_support import CARD, CARD2, LAYERS, allow_unsigned, tree
 from velkdevice import snapshot
 from velkdevice.device import Device
 
@@ -28,7 +28,7 @@ RUNNING = "code 10: Application {} is still running, please stop it before runni
 def hello(location: str = "internal", **settings: Any) -> dict[str, Any]:
     """The example application; for a card without what a card may not have, and with its settings as a file of its own."""
     files = example("hello", **settings)
-    if location != "internal":
+    if location.startswith("sd_card"):
         configuration = files["manifest.json"]["velkPackageConf"]["configuration"]
         del configuration["httpConfig"], configuration["paramConfig"]
         files["conf/hello.conf"] = '[Hello]\nGreeting="Hello"\n'
@@ -51,10 +51,11 @@ def camera(pristine: Device) -> Iterator[Device]:
 
 
 def install(device: Device, put_package: Put, files: dict[str, Any], *options: str, **packing: Any) -> tuple[int, str]:
-    """Exit status and log of an installation; what gpgv says goes to standard output and is left out."""
+    """Exit status and log of an installation, without what systemctl says of the mounts that it enables."""
     path = put_package(device, files, **packing)
     result = device.velkctl("install", *options[:-1], path, *options[-1:])
-    return result.status, without_place(result.stderr)
+    told = [line for line in result.stderr.splitlines(keepends=True) if not line.startswith("Created symlink ")]
+    return result.status, without_place("".join(told))
 
 
 def change_greeting(device: Device, text: str) -> None:
@@ -68,8 +69,9 @@ def start(device: Device, name: str = "hello") -> None:
 
 def answer(device: Device) -> str:
     """What the example application answers after one more start; it is stopped again."""
-    start(device)
     page = f"{HELLO}/html/status.txt"
+    device.sh(f": >{page}").check()
+    start(device)
     device.wait_for(lambda: "start number" in device.read(page), "the application to write its page")
     code, text = fetch(device, "/local/hello/status.txt", "admin")
     assert code == "200"
@@ -179,25 +181,33 @@ def test_another_user_takes_the_data_over(
     assert answer(camera) == "Hello, this is start number 2.\n"
 
 
+PLACES = {"internal": STORE, "sd_card1": CARD, "internal_vlpfs": LAYERS}
+USUAL = [("internal", "sd_card1"), ("internal_vlpfs", "internal")]
+
+
 @pytest.mark.parametrize(("old", "new"), [
-    ("internal", "sd_card1"), pytest.param("sd_card1", "internal", marks=pytest.mark.full),
-    pytest.param("sd_card1", "sd_card1", marks=pytest.mark.full)])  # fmt: skip
+    pytest.param(old, new, marks=[] if (old, new) in USUAL else [pytest.mark.full])
+    for old in PLACES for new in PLACES if (old, new) != ("internal", "internal")])  # fmt: skip
 def test_an_upgrade_to_another_location(camera: Device, put_package: Put, old: str, new: str) -> None:
     before = snapshot.take(camera)
+    settings = camera.read(SETTINGS)
+    allow_unsigned(camera)  # without it nothing goes to the layer store, signed or not
     camera.insert_card()
     try:
         assert install(camera, put_package, hello(old), old) == (0, DONE.format(old))
         change_greeting(camera, "Good day")
         assert answer(camera) == "Good day, this is start number 1.\n"
         assert install(camera, put_package, hello(new, version="2.0.0"), new) == (0, DONE.format(new))
-        kept = camera.sh('[ -d "$1/hello" ]; echo $?', "/var/spool/storage/SD_DISK/packages").stdout == "0\n"
-        assert (kept, version(camera)) == (new == "sd_card1", "2.0.0")
+        places = [name for name, path in PLACES.items() if camera.sh('[ -d "$1" ] && [ ! -L "$1" ]', f"{path}/hello").status == 0]
+        # What is mounted over the store's root is a directory there.
+        assert set(places) - {"internal"} == {new} - {"internal"} and version(camera) == "2.0.0"
         assert answer(camera) == "Good day, this is start number 2.\n"
         camera.velkctl("uninstall", "hello").check()
     finally:
         if camera.exists(HELLO):
             camera.velkctl("uninstall", "hello")
         camera.remove_card()
+        camera.write(SETTINGS, settings)
     camera.sh("rm -rf /tmp/packages")
     assert before.differences(snapshot.like(before, camera)) == []
 
@@ -477,3 +487,33 @@ def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:
     assert (status, told.splitlines()[-1]) == (
         10, "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample")  # fmt: skip
     assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
+
+
+# --- data in a layer of its own ---
+
+
+@pytest.mark.parametrize("location", ["sd_card1", "internal_vlpfs"])
+def test_written_data_follows_its_application_to_a_new_user_number(camera: Device, put_package: Put, location: str) -> None:
+    """Setup gives the package's files to the user; what was written lies in another layer, with the old number."""
+    settings = camera.read(SETTINGS)
+    allow_unsigned(camera)
+    camera.insert_card()
+    upper = f"{PLACES[location]}/hello/upper"
+    try:
+        install(camera, put_package, hello(location), location)
+        assert answer(camera) == "Hello, this is start number 1.\n"
+        camera.velkctl("teardown", "hello").check()
+        old = camera.sh(f"stat -c %u {upper}/localdata/starts").check().stdout
+        install(camera, put_package, app("Sample"), "internal")  # takes the number over
+        assert camera.run(["id", "-u", "velk-sample"]).stdout == old
+        camera.velkctl("setup", "hello").check()
+        assert camera.sh(f"stat -c %U {HELLO}/localdata/starts").stdout == "velk-hello\n"
+        change_greeting(camera, "Good day")  # the settings went with the teardown
+        assert answer(camera) == "Good day, this is start number 2.\n"
+        # What is the system's own stays so, and what is the web server's.
+        shown = camera.sh(f"cd {upper}; stat -c '%n %U:%G' conf/runstate.conf html/status.txt").stdout
+        assert shown == "conf/runstate.conf root:root\nhtml/status.txt velk-hello:www\n"
+    finally:
+        camera.velkctl("uninstall", "hello")
+        camera.remove_card()
+        camera.write(SETTINGS, settings)

@@ -47,7 +47,7 @@ TEST(ServiceUnit, HoldsTheLeastThatAnApplicationNeeds) {
     EXPECT_EQ(service_text(sample_service()), expected("service-plain.service"));
 }
 
-TEST(ServiceUnit, CarriesTheNameAndTheOptionsAsTheyAreGiven) {
+TEST(ServiceUnit, CarriesTheNameAsATextAndTheOptionsAsTheCommandLineThatTheyAre) {
     ServiceUnit unit = sample_service();
     unit.description = "A Sample, \"friendly\" 100%";
     unit.run_options = "--level 3 \"two words\" $HOME 5%";

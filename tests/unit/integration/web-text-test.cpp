@@ -29,3 +29,13 @@ TEST(WebText, GivesEachFileOfATreeItsAccessRule) {
 TEST(WebText, QuotesTheNameOfADirectoryToo) {
     EXPECT_EQ(access_rules_text({{R"(/a"b\c)", {}}}), "<Directory \"/a\\\"b\\\\c\">\n</Directory>\n\n");
 }
+
+TEST(WebText, WritesANameThatLooksLikeAPatternAsOneThatOnlyItFits) {
+    EXPECT_EQ(access_rules_text({{"/a[b]", {{R"(x\*"?.html)", "viewer"}}}}),
+              "<Directory \"/a[[]b]\">\n"
+              "  <Files \"x\\\\\\\\[*]\\\"[?].html\">\n    Require orvo-group viewer\n  </Files>\n"
+              "</Directory>\n\n");
+    EXPECT_EQ(fcgi_text("/a", "/s", {"*"}),
+              "<Directory \"/a\">\n  <Files \"[*]\">\n    SetHandler \"proxy:unix:/s|fcgi://localhost/\"\n"
+              "  </Files>\n</Directory>\n<Proxy \"fcgi://localhost/\" flushpackets=auto>\n</Proxy>\n");
+}
