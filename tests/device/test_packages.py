@@ -62,7 +62,7 @@ def bare_device(boot_device: Callable[..., Device]) -> Device:
     """A device without a velkctl of its own."""
     device = boot_device()
     device.settle()
-    device.run(["rm", "/usr/bin/velkctl"]).check()
+    device.run(["rm", "-f", "/usr/bin/velkctl"]).check()
     return device
 
 
