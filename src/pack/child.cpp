@@ -40,6 +40,7 @@ bool Child::start(const std::vector<std::string>& arguments, const std::string* 
         return fail_with_system_error(error, arguments[0], "cannot be started");
     const std::string text_path = std::string(paths::kOwnDescriptors) + "/" + std::to_string(kSignature);
     std::vector<const char*> words;
+    words.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments)
         words.push_back(argument == "%signature%" ? text_path.c_str() : argument.c_str());
     words.push_back(nullptr);

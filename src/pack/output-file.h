@@ -7,8 +7,8 @@
 #include "base/velkctl-error.h"
 
 /**
- * A file that is there whole or not at all: it is written beside its place under another name and takes its
- * place when it is kept. Failures are code 10 and name the file's place.
+ * A file that is there whole or not at all: it is written without a name, or beside its place under another
+ * one, and takes its place when it is kept. Failures are code 10 and name the file's place.
  */
 class OutputFile {
   public:
@@ -25,8 +25,10 @@ class OutputFile {
     [[nodiscard]] bool keep(VelkctlError** error);
 
   private:
+    bool name_it();
+
     std::string path_;
-    std::string temporary_;
+    std::string temporary_;  ///< empty as long as it has no name at all
     UniqueFd fd_;
 };
 

@@ -65,8 +65,8 @@ bool read_package_kind(std::FILE* package, const std::string& path, bool* is_sig
         return false;
     }
     if (size < static_cast<off_t>(PACKAGE_TRAILER_SIZE)) {
-        velkctl_error_set(error, VELKCTL_ERROR_INVALID_PACKAGE, "Package size %lu for %s is too small",
-                          static_cast<unsigned long>(size), path.c_str());
+        velkctl_error_set(error, VELKCTL_ERROR_INVALID_PACKAGE, "Package size %ju for %s is too small",
+                          static_cast<uintmax_t>(size), path.c_str());
         return false;
     }
     uint64_t magic = 0;
@@ -102,8 +102,8 @@ bool check_package_trailer(const PackageTrailer& trailer, off_t size, VelkctlErr
     const off_t room = size - static_cast<off_t>(PACKAGE_TRAILER_SIZE);
     if (static_cast<off_t>(trailer.signature_size) <= room)
         return true;
-    velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Signature size outside file boundary: %uB > %luB",
-                      trailer.signature_size, static_cast<unsigned long>(room));
+    velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Signature size outside file boundary: %uB > %juB",
+                      trailer.signature_size, static_cast<uintmax_t>(room));
     return false;
 }
 
@@ -195,8 +195,8 @@ bool copy_package_signature(std::FILE* package, const PackageTrailer& trailer,
     }
     const uint64_t from_end = uint64_t{trailer.signature_size} + PACKAGE_TRAILER_SIZE;
     if (fseeko(package, -static_cast<off_t>(from_end), SEEK_END) != 0) {
-        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Failed seeking %luB from EOF: %s",
-                          static_cast<unsigned long>(from_end), system_error_text().c_str());
+        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Failed seeking %juB from EOF: %s",
+                          uintmax_t{from_end}, system_error_text().c_str());
         return false;
     }
     NewFile file;

@@ -55,7 +55,8 @@ bool check_space(uint64_t size, uint64_t available, VelkctlError** error) {
     if (available >= required)
         return true;
     velkctl_error_set(error, VELKCTL_ERROR_NO_SPACE,
-                      "Package too large. Required: %lu bytes, available: %lu bytes.", required, available);
+                      "Package too large. Required: %ju bytes, available: %ju bytes.", uintmax_t{required},
+                      uintmax_t{available});
     return false;
 }
 

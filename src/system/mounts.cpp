@@ -37,8 +37,8 @@ std::optional<MountEntry> find_mount_entry(const std::string& table, const Mount
     if (const auto* directory = std::get_if<std::string>(&key))
         SET_GENERAL_ERROR(error, "Failed to find mount entry %s amount mounts", directory->c_str());
     else
-        SET_GENERAL_ERROR(error, "Failed to find device ID %ld among mounts",
-                          static_cast<long>(std::get<dev_t>(key)));
+        SET_GENERAL_ERROR(error, "Failed to find device ID %jd among mounts",
+                          static_cast<intmax_t>(std::get<dev_t>(key)));
     return std::nullopt;
 }
 

@@ -15,6 +15,7 @@ IN_ORDER = {
     "src/system/file.h": '#include "base/log.h"\n',
     "src/manifest/manifest.h": '#include "system/file.h"\n',
     "src/store/store.h": '#include "manifest/manifest.h"\n',
+    "src/pack/sign.h": '#include "store/store.h"\n',
     "src/integration/units.h": '#include "store/store.h"\n',
     "src/lifecycle/install.h": '#include "integration/units.h"\n',
     "src/cli/main.cpp": '#include "lifecycle/install.h"\n#include "base/log.h"\n',
@@ -51,6 +52,8 @@ def test_rooms_in_order_pass(check):
         ("src/manifest/manifest.h", "store/store.h", "manifest"),
         ("src/store/store.h", "integration/units.h", "store"),
         ("src/integration/units.h", "lifecycle/install.h", "integration"),
+        ("src/pack/sign.h", "integration/units.h", "pack"),
+        ("src/lifecycle/install.h", "pack/sign.h", "lifecycle"),
     ],
 )
 def test_a_room_may_not_include_a_higher_one(check, name, target, room):

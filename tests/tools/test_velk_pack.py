@@ -731,3 +731,34 @@ def test_a_package_of_the_example_has_a_known_sum(here: Path) -> None:
         if path.is_file()
     }
     assert sums == on_disk
+
+
+# --- what large and what killed things leave ---
+
+
+def test_what_is_killed_leaves_nothing(here: Path, app: Path) -> None:
+    (app / "noise").write_bytes(os.urandom(8_000_000) * 10)
+    (here / "App.vlp").write_text("the one before")
+    process = subprocess.Popen([BINARY, "build", app], stdout=subprocess.DEVNULL)
+    written = 0
+    while written < 1_000_000 and process.poll() is None:
+        io = Path(f"/proc/{process.pid}/io").read_text(encoding="ascii")
+        written = int(dict(line.split(": ") for line in io.splitlines())["wchar"])
+    process.kill()
+    assert process.wait(60) == -signal.SIGKILL
+    assert names(here) == ["App.vlp"]
+    assert (here / "App.vlp").read_text() == "the one before"
+
+
+def test_a_package_too_large_for_a_device_is_not_signed(here: Path) -> None:
+    with open("large.vlp", "wb") as file:
+        file.write(b"\x1f\x8b")
+        file.truncate(1 << 31)  # sparse
+    rule = "is 2 GiB or larger, which no device verifies"
+    assert pack("sign", "large.vlp", "--key", "x") == Answer(1, "", f"velk-pack: large.vlp: {rule}\n")
+    assert names(here) == ["large.vlp"]
+
+
+def test_a_manifest_of_any_size_cannot_fill_the_memory(here: Path) -> None:
+    made_package(here / "x.vlp", {"manifest.json": b" " * (17 << 20)})
+    assert pack("info", "x.vlp") == Answer(1, "", "velk-pack: x.vlp: manifest.json: is larger than 16 MiB\n")
