@@ -183,7 +183,7 @@ def test_another_user_takes_the_data_over(
 
 
 PLACES = {"internal": STORE, "sd_card1": CARD, "internal_vlpfs": LAYERS}
-USUAL = [("internal", "sd_card1"), ("internal_vlpfs", "internal")]
+USUAL = [("internal_vlpfs", "sd_card1")]
 
 
 @pytest.mark.parametrize(("old", "new"), [
@@ -502,7 +502,7 @@ def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:
 # --- data in a layer of its own ---
 
 
-@pytest.mark.parametrize("location", ["sd_card1", "internal_vlpfs"])
+@pytest.mark.parametrize("location", ["sd_card1", pytest.param("internal_vlpfs", marks=pytest.mark.full)])
 def test_written_data_follows_its_application_to_a_new_user_number(camera: Device, put_package: Put, location: str) -> None:
     """Setup gives the package's files to the user; what was written lies in another layer, with the old number."""
     settings = camera.read(SETTINGS)
