@@ -101,7 +101,7 @@ def device() -> Iterator[Device]:
 @pytest.fixture
 def pristine(device: Device) -> Iterator[Device]:
     """The common device; what differs after the test from before it makes the test fail."""
-    before = snapshot.like(LAST_SEEN.get(device.name), device, timeout=1)
+    before = LAST_SEEN[device.name] = snapshot.like(LAST_SEEN.get(device.name), device, timeout=1)
     yield device
     after = snapshot.like(before, device)
     LAST_SEEN[device.name] = after

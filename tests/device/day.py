@@ -20,7 +20,7 @@ from velkdevice.device import Device
 
 MODES = ("once", "respawn", "respawnOnFailure", "never")
 LOCATIONS = ("internal", "sd_card1", "internal_vlpfs")
-PACKAGES = "/run/velk-day"
+PACKAGES = "/var/lib/velk-day"
 
 # One look at everything; a section for each that is responsible.
 VIEW = r"""
