@@ -38,7 +38,7 @@ VERIFY = "gpgv --quiet --keyring \"$PWD/public.gpg\" hand.asc \"$1\""
 def _make_folder(folder: Path, noise: bool) -> None:
     from velkdevice import package
 
-    package.write_tree(folder, package.application("Bench"))
+    package.write_tree(folder, package.application("Bench") | {"package.conf": 'APPNAME="Bench"\n'})
     data = content(noise)[: MEGABYTES * 1_000_000 // FILES]
     for number in range(FILES):
         (folder / f"data-{number}").write_bytes(data)
