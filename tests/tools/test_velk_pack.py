@@ -312,6 +312,21 @@ def test_a_full_disk_leaves_the_package_that_was_there(here: Path, app: Path) ->
     assert (here / "App.vlp").read_text() == "the one before"
 
 
+def test_a_file_that_cannot_be_read_is_named_and_nothing_is_left(here: Path, app: Path) -> None:
+    if os.geteuid() != 0:
+        pytest.skip("needs root, to be somebody else for a moment")
+    (app / "secret").write_text("x")
+    (app / "secret").chmod(0)
+    for folder in (here, *here.parents, *app.parents):
+        if folder.is_relative_to("/tmp") and folder != Path("/tmp"):
+            folder.chmod(0o755)
+    here.chmod(0o777)
+    answer = pack("build", app, user=65534, group=65534, extra_groups=[])
+    assert answer.status == 10
+    assert answer.stderr.endswith("/App/secret: cannot be read: Permission denied\n")
+    assert names(here) == []
+
+
 def test_building_answers_a_machine(here: Path, app: Path) -> None:
     answer = json.loads(pack("build", app, "--json").stdout)
     assert answer["package"] == "App.vlp"
