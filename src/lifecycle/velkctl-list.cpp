@@ -117,31 +117,25 @@ void add_device_state(json_t* object, const json_t* manifest, const std::string&
     add_setting_page(object, manifest, app);
 }
 
-/** One application's object, or null with the error that ends the listing. */
-JsonPtr describe(const std::string& app, const std::set<std::string>& preinstalled, VelkctlError** error) {
-    const JsonPtr manifest = load_installed_manifest(app, error);
-    if (!manifest)
-        return nullptr;
+/** One application's object. */
+JsonPtr describe(const json_t* manifest, const std::set<std::string>& preinstalled) {
     ErrorSlot no_name;
     const std::optional<std::string> name =
-        manifest_string(manifest.get(), no_name, {"velkPackageConf", "setup", "appName"});
+        manifest_string(manifest, no_name, {"velkPackageConf", "setup", "appName"});
     log_error(no_name.get());
     JsonPtr object(json_object());
-    copy_setup_keys(object.get(), manifest.get());
+    copy_setup_keys(object.get(), manifest);
     if (name)
-        add_device_state(object.get(), manifest.get(), *name, preinstalled);
+        add_device_state(object.get(), manifest, *name, preinstalled);
     return object;
 }
 
-std::optional<std::string> list_apps(const std::vector<std::string>& apps, VelkctlError** error) {
-    const std::set<std::string> preinstalled = apps.empty() ? std::set<std::string>() : preinstalled_names();
+std::string list_apps(const std::vector<JsonPtr>& manifests) {
+    const std::set<std::string> preinstalled =
+        manifests.empty() ? std::set<std::string>() : preinstalled_names();
     const JsonPtr list(json_array());
-    for (const std::string& app : apps) {
-        JsonPtr object = describe(app, preinstalled, error);
-        if (!object)
-            return std::nullopt;
-        json_array_append_new(list.get(), object.release());
-    }
+    for (const JsonPtr& manifest : manifests)
+        json_array_append_new(list.get(), describe(manifest.get(), preinstalled).release());
     return dump(list.get(), JSON_INDENT(4));
 }
 
@@ -151,8 +145,7 @@ bool require_listed(const std::string& app, VelkctlError** error) {
 
 /** The names of the applications in the store that a filter accepts, or nothing when one could not be looked
  * at. */
-std::optional<std::vector<std::string>> store_names(bool (*filter)(const std::string&),
-                                                    VelkctlError** error) {
+std::optional<std::vector<std::string>> store_names(const PathFilter& filter, VelkctlError** error) {
     ErrorSlot trouble;
     std::vector<std::string> names = collect_app_names(filter, trouble);
     if (!trouble.is_set())
@@ -197,12 +190,24 @@ std::optional<std::string> value_of_package_conf(const std::string& text, int op
 }  // namespace
 
 std::optional<std::string> velkctl_list_all(VelkctlError** error) {
-    const std::optional<std::vector<std::string>> apps = store_names(has_manifest, error);
-    return apps ? list_apps(*apps, error) : std::nullopt;
+    // Whatever has a manifest that can be read is an application: what was read to see that is kept.
+    std::vector<JsonPtr> manifests;
+    const auto read_manifest = [&manifests](const std::string& path) {
+        ErrorSlot not_readable;
+        JsonPtr manifest = load_manifest(path, not_readable);
+        if (manifest)
+            manifests.push_back(std::move(manifest));
+        return !not_readable.is_set();
+    };
+    return store_names(read_manifest, error) ? std::optional(list_apps(manifests)) : std::nullopt;
 }
 
 std::optional<std::string> velkctl_list_one(const std::string& app, VelkctlError** error) {
-    return require_listed(app, error) ? list_apps({app}, error) : std::nullopt;
+    if (!require_listed(app, error))
+        return std::nullopt;
+    std::vector<JsonPtr> manifests;
+    manifests.push_back(load_installed_manifest(app, error));
+    return manifests.front() ? std::optional(list_apps(manifests)) : std::nullopt;
 }
 
 std::optional<std::string> velkctl_list_option(const std::string& app, int option, VelkctlError** error) {

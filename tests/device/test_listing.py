@@ -116,7 +116,14 @@ code 4: Application not found in store: Odd one
 """
 
 
-def test_everything_in_one_listing(full_store: Device) -> None:
+def test_a_store_with_everything_in_it(full_store: Device) -> None:
+    check_the_whole_listing(full_store)
+    check_one_of_them_alone(full_store)
+    check_the_sizes(full_store)
+    check_that_a_failing_du_ends_the_sizes(full_store)
+
+
+def check_the_whole_listing(full_store: Device) -> None:
     result = full_store.velkctl("list").check()
     assert result.stdout == json.dumps(EVERYTHING, indent=4, ensure_ascii=False)
     lines = without_place(result.stderr).splitlines(keepends=True)
@@ -133,7 +140,7 @@ def test_everything_in_one_listing(full_store: Device) -> None:
         matches(full_store, answer.stdout, "firmware-compatibility")
 
 
-def test_one_of_them_alone(full_store: Device) -> None:
+def check_one_of_them_alone(full_store: Device) -> None:
     for expected, name in ((EVERYTHING[0], "Card"), (EVERYTHING[3], "Layer"), (EVERYTHING[4], "Nameless")):
         result = full_store.velkctl("list", name).check()
         assert result.stdout == json.dumps([expected], indent=4)
@@ -145,7 +152,9 @@ def test_one_of_them_alone(full_store: Device) -> None:
         assert result.stderr.startswith(f"code {result.status}: ")
 
 
-def test_the_sizes_of_all_locations_in_their_order(full_store: Device) -> None:
+def check_the_sizes(full_store: Device) -> None:
+    """All locations, in their order."""
+
     def kib(path: str) -> str:
         return full_store.sh('du -s "$1"', path).check().stdout.split("\t")[0]
 
@@ -157,7 +166,7 @@ def test_the_sizes_of_all_locations_in_their_order(full_store: Device) -> None:
     assert full_store.velkctl("list", "--format", "idd-size").check().stdout == wanted
 
 
-def test_a_du_that_fails_ends_the_sizes(full_store: Device) -> None:
+def check_that_a_failing_du_ends_the_sizes(full_store: Device) -> None:
     with program(full_store, "du", 'case "$*" in *Layer*) exit 1 ;; esac\nexec "$REAL" "$@"\n') as env:
         result = full_store.velkctl("list", "--format=idd-size", env=env)
     assert (result.status, result.stdout) == (10, "")

@@ -180,6 +180,20 @@ TEST(SpawnAndWait, CapturesOutputAndStaysInTheWorkingDirectory) {
     EXPECT_EQ(output, directory.path() + "\n");
 }
 
+TEST(SpawnAndWait, GivesTheChildNoDescriptorButTheStandardOnes) {
+    // As whoever started this program may have left some open.
+    const int left_open = dup(STDERR_FILENO);
+    ASSERT_GT(left_open, STDERR_FILENO);
+    ErrorSlot error;
+    std::string output;
+    // The shell has its own view of the directory open while it reads it.
+    EXPECT_EQ(
+        spawn_and_wait({"/bin/sh", "-c", "for n in /proc/self/fd/*; do echo ${n##*/}; done"}, &output, error),
+        0);
+    EXPECT_EQ(output, "0\n1\n2\n3\n");
+    close(left_open);
+}
+
 TEST(SpawnAndWait, PassesArgumentsWithoutAShell) {
     ErrorSlot error;
     std::string output;
