@@ -20,7 +20,7 @@ from packages import content
 PACK_RATIO = 1.2
 MEGABYTES = 100
 FILES = 25
-ROUNDS = 3
+ROUNDS = 5
 
 BUILD = (
     "tar --sort=name --owner=root:0 --group=root:0 --mtime=@0 --format=gnu -C \"$1\" -cf - . | gzip -n >hand.tar.gz"

@@ -273,6 +273,21 @@ def test_what_the_manifest_promises_about_files_is_checked(here: Path, app: Path
     )
 
 
+@pytest.mark.parametrize(
+    ("script", "is_there"), [("sub/x.sh", True), ("./sub/../sub//x.sh", True), ("../sub/x.sh", False), ("sub", False)]
+)
+def test_a_script_is_looked_for_as_a_device_does(here: Path, app: Path, script: str, is_there: bool) -> None:
+    (app / "sub").mkdir()
+    (app / "sub" / "x.sh").write_text("#!/bin/sh\n")
+    manifest = manifest_of()
+    manifest["velkPackageConf"]["uninstallation"] = {"preUninstallScript": script}
+    (app / "manifest.json").write_text(json.dumps(manifest))
+    answer = pack("build", app)
+    line = f"velkPackageConf.uninstallation.preUninstallScript: names '{script}', which is no file in the folder"
+    expected = "" if is_there else f"velk-pack: {app}/manifest.json: {line}\n"
+    assert (answer.status, answer.stderr) == (0 if is_there else 1, expected)
+
+
 def test_a_folder_that_is_none_is_refused(here: Path, app: Path) -> None:
     assert pack("build", "nowhere") == Answer(10, "", "velk-pack: nowhere: is no folder\n")
     assert pack("build", app / "App") == Answer(10, "", f"velk-pack: {app}/App: is no folder\n")
