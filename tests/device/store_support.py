@@ -154,7 +154,7 @@ def traces(device: Device) -> str:
         find /tmp /usr/local/packages /opt/packages /var/spool/storage /etc/velk -xdev \\
             '(' -path '/tmp/systemd-private-*' -o -path /usr/local/packages/_lock ')' -prune -o -printf '%p %y %m %u:%g %l\\n' | sort
         lsattr -R /usr/local/packages /opt/packages /var/spool/storage 2>/dev/null | grep '^[^ ]*i[^ ]* '
-        ps -eo user:20,args | grep '^nobody'
+        ps -eo user:20,stat,args | awk '$1 == "nobody" && $2 !~ /^Z/'
         :
     """
     return device.sh(script).check().stdout
