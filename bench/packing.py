@@ -20,7 +20,7 @@ from packages import content
 PACK_RATIO = 1.2
 MEGABYTES = 100
 FILES = 25
-ROUNDS = 3
+ROUNDS = 5
 
 BUILD = (
     "tar --sort=name --owner=root:0 --group=root:0 --mtime=@0 --format=gnu -C \"$1\" -cf - . | gzip -n >hand.tar.gz"
@@ -38,7 +38,7 @@ VERIFY = "gpgv --quiet --keyring \"$PWD/public.gpg\" hand.asc \"$1\""
 def _make_folder(folder: Path, noise: bool) -> None:
     from velkdevice import package
 
-    package.write_tree(folder, package.application("Bench"))
+    package.write_tree(folder, package.application("Bench") | {"package.conf": 'APPNAME="Bench"\n'})
     data = content(noise)[: MEGABYTES * 1_000_000 // FILES]
     for number in range(FILES):
         (folder / f"data-{number}").write_bytes(data)

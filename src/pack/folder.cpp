@@ -73,6 +73,12 @@ class Check {
         return entry && S_ISREG(entry->status.st_mode);
     }
 
+    /** The entry's name for a path as the manifest may write it, with dots; nothing is outside the folder. */
+    [[nodiscard]] std::string name_of(const std::string& path) const {
+        const std::optional<std::string> resolved = resolve_in_dir(folder_.path, path);
+        return resolved && *resolved != folder_.path ? resolved->substr(folder_.path.size() + 1) : "";
+    }
+
     JsonPtr load_manifest();
     void check_values(const json_t* manifest);
     void check_promises(const json_t* manifest);
@@ -119,7 +125,7 @@ void Check::check_promises(const json_t* manifest) {
                                                            {"uninstallation", "preUninstallScript"}};
     for (const auto& [section, key] : scripts) {
         const auto script = manifest_string(manifest, nullptr, {"velkPackageConf", section, key});
-        if (script && !holds_file(*script))
+        if (script && !holds_file(name_of(*script)))
             add(VELKCTL_ERROR_INVALID_PACKAGE, kManifest,
                 std::string("velkPackageConf.") + section + "." + key,
                 "names '" + *script + "', which is no file in the folder");

@@ -93,6 +93,8 @@ bool read_link(const FolderEntry& entry, std::string* link, VelkctlError** error
 bool add_contents(archive* writer, Sink& sink, const FolderEntry& entry, ProgressBar& bar,
                   VelkctlError** error) {
     const UniqueFd file(open(entry.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!file)
+        return fail_with_system_error(error, entry.path, "cannot be read");
     std::vector<char> block(kBlock);
     off_t left = entry.status.st_size;
     while (left > 0) {

@@ -106,7 +106,7 @@ def test_any_two_settings_meet_in_some_shape() -> None:
 def test_an_example(slotted: tuple[Device, snapshot.Snapshot], tmp_path: Path, example: str) -> None:
     device, base = slotted
     target = f"{PACKAGES}/{example}.vlp"
-    device.copy_in(package.pack(EXAMPLES / example, tmp_path / f"{example}.vlp"), target)
+    device.copy_in(package.pack_source(EXAMPLES / example, tmp_path / f"{example}.vlp"), target)
     try:
         inverse(device, target, example, "internal", base)
     finally:

@@ -10,7 +10,15 @@ from pathlib import Path
 import pytest
 
 CHECKOUT = Path(__file__).resolve().parents[2]
-READ = ("src/cli", "src/pack", "src/base/velkctl-error.h", "man", "completions", "docs/troubleshooting.md")
+READ = (
+    "src/cli",
+    "src/pack",
+    "src/manifest/manifest-rules.cpp",
+    "src/base/velkctl-error.h",
+    "man",
+    "completions",
+    "docs/troubleshooting.md",
+)
 Check = Callable[[str, str, str], tuple[int, list[str]]]
 
 
@@ -109,6 +117,9 @@ def test_this_checkout_agrees_with_itself(check: Check) -> None:
             "",
             ["completions/velk-pack.zsh: the command info of velk-pack is missing"],
         ),
+        ("man/velk-manifest.5.md", "realTimePriority", "priority", [
+            "man/velk-manifest.5.md: the key velkPackageConf.configuration.cpuScheduling.realTimePriority is missing",
+        ]),
         ("man/velkctl.8.md", "**36**\n", "**37**\n", [
             "man/velkctl.8.md: the exit status 36 is missing",
             "man/velkctl.8.md: there is no exit status 37",

@@ -217,6 +217,8 @@ TEST(SpawnAndWait, ReportsAProgramThatCannotBeStarted) {
 TEST(RunCommand, ReportsAFailedStartOnce) {
     SKIP_UNLESS_ROOT();
     const test::TemporaryDirectory directory;
+    // A child's standard input comes from there; everything else that a start needs is missing.
+    test::shell("mkdir '" + directory / "dev" + "' && touch '" + directory / "dev/null" + "'");
     const test::ChildResult result = test::run_child([&] {
         if (chroot(directory.path().c_str()) != 0 || chdir("/") != 0)
             _exit(2);
