@@ -60,7 +60,7 @@ set_up() {{
     busctl call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus ReloadConfig
     manage SetAPIAccessRights ssas velk "${{user#velk-}}" 0
     script=$(sed -n 's/.*"postInstallScript": "\\([^"]*\\)".*/\\1/p' {STORE}/$app/manifest.json)
-    # A script is looked after every 100 ms, as is prescribed.
+    # A script is looked after every 100 ms, as velkctl looks.
     [ -z "$script" ] || (cd {STORE}/$app && su -s /bin/sh -c "./$script" "$user" && sleep 0.1)
     systemctl daemon-reload
     systemctl reload httpd
@@ -305,7 +305,7 @@ def example(report: Any, bench: Bench) -> None:
 
 
 def dominating(report: Any, bench: Bench) -> None:
-    """What an installation's time goes into: each of the prescribed commands that take any, alone."""
+    """What an installation's time goes into: each of the commands that it cannot do without, alone."""
     parts = {
         "`systemctl reload httpd`": ["systemctl", "reload", "httpd"],
         "`systemctl daemon-reload`": ["systemctl", "daemon-reload"],
@@ -321,7 +321,7 @@ def dominating(report: Any, bench: Bench) -> None:
             times.append(int(words[1]) / 1e9)
         found.append(f"{name} {min(times) * 1e3:.0f} ms")
     report.say()
-    report.say("What of an installation is prescribed commands, each alone: " + ", ".join(found) + ".")
+    report.say("What an installation must run, each alone: " + ", ".join(found) + ".")
 
 
 def lifecycle(report: Any, build: Path) -> None:
