@@ -50,7 +50,7 @@ bool flush(const char* path) {
     return directory >= 0 && fsync(directory) == 0;
 }
 
-/** The prescribed question, in a shell as it is prescribed; any answer will do. */
+/** The listing's question, in a shell as there; any answer will do. */
 bool ask(size_t number) {
     const std::string line = "systemctl is-active --quiet sdkBench" + std::to_string(number) + ".service";
     const char* const command[] = {"/bin/sh", "-c", line.c_str(), nullptr};

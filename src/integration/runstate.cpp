@@ -1,6 +1,7 @@
 #include "integration/runstate.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cassert>
 #include <cerrno>
@@ -36,16 +37,20 @@ bool runstate_write(const std::string& app, bool enabled, VelkctlError** error) 
     return false;
 }
 
-/** The record. It lies in a directory of the application's, so no link is followed and nothing is waited for.
+/**
+ * The beginning of the record, which is all that counts. It lies in a directory of the application's, so no
+ * link is followed, nothing is waited for, and it does not matter how much there is.
  */
 static std::optional<std::string> read_record(const std::string& app, VelkctlError** error) {
-    const std::string path = configuration_directory(app) + "/" + FILE_NAME;
     ErrorSlot no_directory;
     const std::optional<AreaDirectory> conf = open_configuration(app, no_directory);
     const UniqueFd fd(conf ? openat(conf->fd(), FILE_NAME, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
                            : -1);
-    if (fd)
-        return read_file(std::string(paths::kOwnDescriptors) + "/" + std::to_string(fd.get()), error);
+    char beginning[64];
+    const ssize_t length = fd ? read(fd.get(), beginning, sizeof beginning) : -1;
+    if (length >= 0)
+        return std::string(beginning, static_cast<size_t>(length));
+    const std::string path = configuration_directory(app) + "/" + FILE_NAME;
     SET_GENERAL_ERROR(error, "Failed opening %s: %s", path.c_str(), system_error_text().c_str());
     return std::nullopt;
 }

@@ -121,6 +121,16 @@ def test_the_record_is_not_written_through_a_link(workshop: Device, put_package:
     assert not workshop.exists("/etc/velk/runstate.conf")
 
 
+@pytest.mark.parametrize("plant", ["mkfifo", "mkdir", "ln -s /dev/zero", "truncate -s 4G"])
+def test_whatever_an_application_puts_in_place_of_the_record_holds_nothing_up(
+    workshop: Device, put_package: Put, plant: str
+) -> None:
+    set_up(workshop, put_package, app())
+    workshop.run(["sh", "-c", f"cd {STORE}/Sample/conf; {plant} runstate.conf"], user="velk-sample").check()
+    [listed] = json.loads(workshop.velkctl("list", timeout=30).check().stdout)
+    assert listed["autostart"] == "Disabled"
+
+
 @pytest.mark.parametrize("text", ["ENABLED=yes\n", "ENABLED=yesterday", "ENABLED=no\n", "ENABLED=ye", "", "x ENABLED=yes"])
 def test_the_record_counts_by_its_beginning(workshop: Device, put_package: Put, text: str) -> None:
     set_up(workshop, put_package, app())
