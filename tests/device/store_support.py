@@ -227,7 +227,8 @@ def refused_signatures(data: bytes) -> dict[str, tuple[bytes, tuple[int, str]]]:
 
 
 def store_entries(device: Device) -> list[str]:
-    return device.sh(f"ls -A {STORE}").stdout.split()
+    """What the store's root holds; the place of the backups stays for good once there was one."""
+    return device.sh(f"ls -A {STORE} | grep -vx _backup").stdout.split()
 
 
 def is_nowhere(device: Device, name: str = "App") -> None:
