@@ -26,7 +26,7 @@ REMOVE_RATIO = 1.2
 MEMORY_MIB = 16.0
 MEMORY_GROWTH_MIB = 1.0
 MEGABYTES = (1, 20, 100)
-ROUNDS = (5, 20)
+ROUNDS = (4, 8)
 BOUNDS = (("verify", VERIFY_RATIO), ("import", IMPORT_RATIO), ("remove", REMOVE_RATIO))
 
 STORE = "/usr/local/packages"

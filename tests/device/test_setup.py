@@ -398,6 +398,9 @@ def test_squash_images_are_mounted_read_only_at_their_points(workshop: Device, p
     assert not any(workshop.exists(f"{UNITS}/{unit}") for unit in units)
 
 
+# The units of such an application are a circle at boot, which the service manager breaks at a place of its own choice;
+# it has always come up so far, but not always within the time of a test on a busy machine.
+@pytest.mark.full
 def test_a_squash_image_on_a_card_is_mounted_again_after_a_reboot(
     fresh_device: Device, put_package: Put, image: bytes
 ) -> None:

@@ -53,9 +53,9 @@ class Key:
         return Key(home)
 
     def gpg(self, *arguments: str, data: bytes | None = None) -> bytes:
-        """Run gpg on this key's folder; the agent that it needs ends with the call."""
+        """Run gpg on this key's folder; the agent that it needs ends with the call, so calls take turns."""
         # A socket path is short; the folder's may not be.
-        with tempfile.TemporaryDirectory(prefix="velk-gpg-") as short:
+        with host.locked("gpg"), tempfile.TemporaryDirectory(prefix="velk-gpg-") as short:
             link = Path(short) / "home"
             link.symlink_to(self.home)
             base = [
