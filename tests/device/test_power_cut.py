@@ -1,10 +1,11 @@
 """
 The power fails before each change of import, remove and clean: what the disk holds at that moment is all there is.
 
-The store's root lies on one ext4 file system, and on a second the other location, or for the internal one the verification
-states, as may be on a device. At the cut they are shut down with nothing flushed, and mounted again. They commit nothing of their own accord, so that
-whatever survives was synced on purpose. Since nothing orders what goes to one disk before what goes to another, either of
-them alone may also have got everything.
+The store's root lies on one ext4 file system, and on a second the other location, or for the internal one the
+verification states, as may be on a device. At the cut they are shut down with nothing flushed, and mounted again.
+They commit nothing of their own accord, so that whatever survives was synced on purpose (or by a `sync` on another
+device, if tests run side by side: the kernel is one; with `-n 0` there is none). Since nothing orders what goes to
+one disk before what goes to another, either of them alone may also have got everything.
 """
 
 from __future__ import annotations
