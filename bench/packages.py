@@ -35,8 +35,8 @@ SIGNATURE = "/tmp/bench.sig"
 KEYRING = "/usr/share/velkmanager/velk.public.gpg"
 TAR = "su -s /bin/sh -c \"tar --no-same-permissions --no-same-owner -xf '/tmp/by-hand.vlp'\" nobody"
 
-# $2 is the length of the data part. The order is velkctl's own. Whatever does the work has to start first, and a control
-# file has to lose its attribute before it can be removed.
+# $2 is the length of the data part. The order is velkctl's own. Whatever does the work has to start first, and each
+# control file has to lose its attribute before it can be removed, by a command of its own.
 BY_HAND = f"""
 gpgv() {{ command gpgv --ignore-time-conflict --keyring {KEYRING} {SIGNATURE} /tmp/by-hand.vlp; }}
 set -e
@@ -65,7 +65,8 @@ case $1 in
     remove)
         /tmp/trivial
         sync; sync
-        chattr -i {STORE}/Bench/manifest.json {STORE}/Bench/package.conf
+        chattr -i {STORE}/Bench/manifest.json
+        chattr -i {STORE}/Bench/package.conf
         rm -rf {STORE}/Bench; sync ;;
 esac
 """
