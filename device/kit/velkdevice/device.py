@@ -31,7 +31,7 @@ CLONE_NEWNET = 0x40000000
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 # What a sanitizer or a coverage run needs inside the device; all else of the caller's environment stays
 # outside.
-PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "GCOV_PREFIX", "GCOV_PREFIX_STRIP")
+PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "GCOV_PREFIX", "GCOV_ERROR_FILE")
 
 
 class DeviceDead(DeviceError):
