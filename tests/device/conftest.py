@@ -34,7 +34,7 @@ from store_support import (  # noqa: E402, F401  (fixtures for whoever asks for 
     unsigned_allowed,
 )
 from velkdevice import host, package, snapshot  # noqa: E402
-from velkdevice.device import Device  # noqa: E402
+from velkdevice.device import COUNTS, Device  # noqa: E402
 
 # How the test before left the device; a look that differs may only have come too early.
 LAST_SEEN: dict[str, snapshot.Snapshot] = {}
@@ -79,8 +79,8 @@ def _keep_coverage(device: Device) -> None:
     """In a coverage run: take the counts of the programs on the device out, for tools/cover to merge."""
     folder = os.environ.get("VELKCTL_COVERAGE")
     if folder and device.running:
-        packed = "/var/log/coverage.tar"
-        device.sh('mkdir -p "$1" && tar -cf "$2" -C "$1" .', os.environ["GCOV_PREFIX"], packed).check()
+        packed = f"{COUNTS}.tar"
+        device.sh('mkdir -p "$1" && tar -cf "$2" -C "$1" .', COUNTS, packed).check()
         device.copy_out(packed, Path(folder) / f"{device.name}.tar")
 
 

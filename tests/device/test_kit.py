@@ -428,9 +428,15 @@ def test_a_command_starts_clean(device: Device, monkeypatch: pytest.MonkeyPatch)
 
 def test_what_a_sanitizer_needs_is_passed_on(boot_device: Boot, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("ASAN_OPTIONS", "detect_leaks=1")
-    monkeypatch.setenv("GCOV_PREFIX", "/tmp/coverage")
-    result = boot_device().sh('echo "$ASAN_OPTIONS $GCOV_PREFIX"')
-    assert result.stdout == "detect_leaks=1 /tmp/coverage\n"
+    assert boot_device().sh('echo "$ASAN_OPTIONS"').stdout == "detect_leaks=1\n"
+
+
+def test_a_coverage_run_counts_what_root_runs(boot_device: Boot, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setenv("VELKCTL_COVERAGE", "/nowhere")
+    device, told = boot_device(), 'echo "$LLVM_PROFILE_FILE"'
+    monkeypatch.delenv("VELKCTL_COVERAGE")
+    assert device.sh(told).stdout == "/var/log/coverage/%c%m.profraw\n"
+    assert device.sh(told, user="nobody").stdout == "/dev/null\n"
 
 
 def test_a_sanitizer_build_runs_on_the_device(boot_device: Boot, tmp_path: Path) -> None:

@@ -32,9 +32,7 @@ def environment() -> dict[str, str]:
     velk_pack = velkctl.parent / "velk-pack"
     if not velk_pack.exists():
         pytest.skip("needs velk-pack beside velkctl")
-    # What a coverage run wants of programs on a device is not for one on this machine.
-    own = {name: value for name, value in os.environ.items() if name != "GCOV_PREFIX"}
-    return {**own, "VELKCTL_BINARY": str(velkctl), "VELK_PACK_BINARY": str(velk_pack)}
+    return {**os.environ, "VELKCTL_BINARY": str(velkctl), "VELK_PACK_BINARY": str(velk_pack)}
 
 
 @pytest.fixture(autouse=True, scope="module")

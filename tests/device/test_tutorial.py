@@ -52,10 +52,8 @@ def environment(monkeypatch: pytest.MonkeyPatch) -> Iterator[dict[str, str]]:
     if not (velkctl.parent / "velk-pack").exists():
         pytest.skip("needs velk-pack beside velkctl")
     with tempfile.TemporaryDirectory(prefix="velk-gpg-") as home:  # a socket's path must be short
-        # What a coverage run wants of programs on a device is not for one on this machine.
-        own = {name: value for name, value in os.environ.items() if name != "GCOV_PREFIX"}
         yield {
-            **own,
+            **os.environ,
             "GNUPGHOME": home,
             "PATH": f"{velkctl.parent}:{os.environ['PATH']}",
             "VELKCTL_BINARY": str(velkctl),

@@ -29,9 +29,12 @@ from .supervisor import NAMESPACES
 DISK_BYTES = 6 << 30  # sparse: what is not written takes no room
 CLONE_NEWNET = 0x40000000
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-# What a sanitizer or a coverage run needs inside the device; all else of the caller's environment stays
-# outside.
-PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "GCOV_PREFIX", "GCOV_ERROR_FILE")
+# What a sanitizer run needs inside the device; all else of the caller's environment stays outside.
+PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
+# Where the programs of a coverage run, which has VELKCTL_COVERAGE set, keep their counts: %c as they happen, whatever
+# kills them, and %m in one file a program.
+COUNTS = "/var/log/coverage"
+COUNTS_FILE = f"{COUNTS}/%c%m.profraw"
 
 
 class DeviceDead(DeviceError):
@@ -77,6 +80,7 @@ class Device:
         """
         self.environment = {"PATH": PATH, "LANG": "C.UTF-8"}
         self.environment.update({name: os.environ[name] for name in PASSED_ON if name in os.environ})
+        self._counts = "VELKCTL_COVERAGE" in os.environ
         self.boot_seconds = 0.0
         self._held: list[int] = []
         self._up = False
@@ -240,6 +244,10 @@ class Device:
         numbers = [str(number) for number in (report, *self._held)]
         return [str(self._parts / "velk-enter"), *numbers, user or "", *argv], [report, *self._held]
 
+    def _counted(self, user: str | None) -> dict[str, str]:
+        """What a program of a coverage run is told; only root's can write where the counts are."""
+        return {"LLVM_PROFILE_FILE": "/dev/null" if user else COUNTS_FILE} if self._counts else {}
+
     def run(
         self,
         argv: Sequence[str],
@@ -321,7 +329,7 @@ class Device:
                 stderr=stderr,
                 pass_fds=descriptors,
                 cwd="/",
-                env={**self.environment, **(env or {})},
+                env={**self.environment, **self._counted(user), **(env or {})},
                 start_new_session=True,
             )
         except BaseException:
