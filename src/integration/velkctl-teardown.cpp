@@ -28,6 +28,7 @@ namespace {
 struct Teardown {
     const std::string& app;
     std::string directory;
+    JsonPtr manifest{};  ///< none when it cannot be read
     std::optional<ParsedManifest>
         parsed{};  ///< none when the manifest cannot be read; what needs it is then left out
     bool ok = true;
@@ -57,12 +58,25 @@ bool begin(const std::string& app, OperationLock* lock, VelkctlError** error) {
 
 void read_teardown_manifest(Teardown* teardown) {
     ErrorSlot error;
-    const JsonPtr manifest = load_installed_manifest(teardown->app, error);
-    if (!manifest)
+    teardown->manifest = load_installed_manifest(teardown->app, error);
+    if (!teardown->manifest)
         return teardown->finish(false, "Failed to get the manifest JSON object", error);
-    teardown->parsed = parse_manifest_leniently(manifest.get(), error);
+    teardown->parsed = parse_manifest_leniently(teardown->manifest.get(), error);
     if (!teardown->parsed)
         teardown->finish(false, "Failed to read the manifest", error);
+}
+
+/**
+ * Whether the user in the manifest is one that setup gives to an application. Any other was never this one's,
+ * and nothing is run or taken away in that user's name: it could be anybody's, root's included.
+ */
+bool has_user_of_its_own(const Teardown& teardown) {
+    ErrorSlot refused;
+    if (teardown.parsed->userIsDynamic ||
+        check_static_user(teardown.manifest.get(), *teardown.parsed, refused))
+        return true;
+    warn_and_clear_error(refused, nullptr);
+    return false;
 }
 
 bool run_pre_uninstall_script(const Teardown& teardown, VelkctlError** error) {
@@ -78,7 +92,7 @@ bool run_pre_uninstall_script(const Teardown& teardown, VelkctlError** error) {
         return false;
     options.timeout_s = effective_script_timeout(install_script_policy(), configured);
     const std::optional<std::string>& script = teardown.parsed->preUninstallScript;
-    if (!script)
+    if (!script || !has_user_of_its_own(teardown))
         return true;
     const std::optional<std::string> user = application_username(teardown.app.c_str(), error);
     return user && run_script_as_user(*script, teardown.directory, *user, options, error);
@@ -115,7 +129,7 @@ bool remove_dynamic_user(const std::string& app, VelkctlError** error) {
 void remove_user_and_ranges(Teardown* teardown) {
     ErrorSlot error;
     // The ranges go first, since they are found by the user. Ranges that stay behind harm nobody: no failure.
-    if (teardown->parsed && teardown->parsed->containerHost)
+    if (teardown->parsed && teardown->parsed->containerHost && has_user_of_its_own(*teardown))
         teardown->finish(teardown_sub_ids(device_sub_id_files(), teardown->app, error),
                          "Failed to teardown subuid/subgid", error, false);
     teardown->finish(remove_dynamic_user(teardown->app, error), "Failed to teardown user", error);

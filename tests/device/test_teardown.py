@@ -90,6 +90,27 @@ def test_a_user_of_the_device_is_never_removed(workshop: Device, put_package: Pu
     assert workshop.run(["id", "-un", "sdk"]).stdout == "sdk\n"
 
 
+@pytest.mark.parametrize(("user", "status"), [("root", 13), ("velk-other", 29)])
+def test_nothing_is_done_as_a_user_that_setup_refuses(
+    workshop: Device, put_package: Put, user: str, status: int
+) -> None:
+    """Else a package could have its script run as anybody, just by failing to be set up."""
+    files = section(uninstallation(app(), preUninstallScript="before.sh"), "velkPackageConf.setup.user",
+                    {"username": user, "group": user})  # fmt: skip
+    section(files, "velkPackageConf.configuration.containers", {"containerHost": True})
+    package = put_package(workshop, files | {"before.sh": "#!/bin/sh\nid -un >/tmp/ran-as\n"})
+    workshop.write("/etc/subuid", "0:100000:65536\n")
+    workshop.write("/etc/subgid", "0:100000:65536\n")
+    try:
+        assert workshop.velkctl("install", package).status == status
+        workshop.velkctl("import", package).check()
+        assert velkctl(workshop, "teardown", "Sample")[0] == 0
+        assert not workshop.exists("/tmp/ran-as")
+        assert workshop.read("/etc/subuid") == workshop.read("/etc/subgid") == "0:100000:65536\n"
+    finally:
+        workshop.sh("rm -f /tmp/ran-as; : >/etc/subuid; : >/etc/subgid").check()
+
+
 def test_ranges_that_cannot_be_removed_are_a_warning_only(workshop: Device, put_package: Put) -> None:
     set_up(workshop, put_package, configured(containers={"containerHost": True}))
     workshop.sh("mv /etc/subgid /etc/subgid.away").check()
