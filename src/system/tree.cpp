@@ -17,7 +17,9 @@
 // open, and notices a directory that was exchanged for a link.
 int walk_tree(const std::string& root, TreeOrder order, const std::function<bool(const TreeEntry&)>& visit) {
     char* const roots[] = {const_cast<char*>(root.c_str()), nullptr};
-    const std::unique_ptr<FTS, ReleaseWith<fts_close>> walk(fts_open(roots, FTS_PHYSICAL, nullptr));
+    // Whatever is removed below a mount is somebody else's: it only lies here.
+    const int mounts = order == TreeOrder::ChildrenFirst ? FTS_XDEV : 0;
+    const std::unique_ptr<FTS, ReleaseWith<fts_close>> walk(fts_open(roots, FTS_PHYSICAL | mounts, nullptr));
     if (!walk)
         return errno;
     const int other_visit = order == TreeOrder::DirectoryFirst ? FTS_DP : FTS_D;

@@ -19,7 +19,7 @@ struct TreeEntry {
 
 enum class TreeOrder {
     DirectoryFirst,
-    ChildrenFirst,
+    ChildrenFirst,  ///< for removal: what is mounted below the root is not entered
 };
 
 /**
@@ -38,7 +38,8 @@ enum class TreeOrder {
 
 /**
  * Remove a directory and everything in it. What is absent or no directory (a link to one included) is left
- * alone, successfully. An entry that cannot be removed is tried again with its immutable attribute cleared,
+ * alone, successfully. What is mounted in it is not touched, and stays with the directory it is mounted on.
+ * An entry that cannot be removed is tried again with its immutable attribute cleared,
  * and then in the upper layer of the overlay it lies on.
  *
  * @param error  code 10 "Failed recursive removal of %s"; the walk stops at the entry, and the reason is a

@@ -130,6 +130,18 @@ def test_what_is_not_there_is_not_found(device: Device) -> None:
     assert device.exists(f"{STORE}/App")
 
 
+def test_what_is_mounted_in_it_is_not_removed(device: Device, run_import: Import) -> None:
+    assert run_import(support.simple_package())[0] == 0
+    device.sh(f"mkdir {STORE}/App/mnt && mount -t tmpfs none {STORE}/App/mnt && touch {STORE}/App/mnt/precious").check()
+    status, log = remove(device)
+    try:
+        message = f"code 10: src/system/tree.cpp:N: Failed recursive removal of {STORE}/App.tmp"
+        assert (status, log.splitlines()[-1]) == (10, message)
+        assert device.exists(f"{STORE}/App.tmp/mnt/precious")
+    finally:
+        device.sh(f"cd {STORE} && umount App*/mnt && chattr -i App.tmp/*.json App.tmp/*.conf; rm -r App.tmp").check()
+
+
 def test_an_application_that_is_set_up_is_refused(device: Device, run_import: Import) -> None:
     assert run_import(support.simple_package())[0] == 0
     before = support.tree(device, f"{STORE}/App")
