@@ -1,5 +1,6 @@
 #include <getopt.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -122,6 +123,9 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A reader of the log that goes away must not end a command half-way. It is a handler, since whatever is
+    // started would inherit that the signal is ignored.
+    std::signal(SIGPIPE, [](int) {});
     const int status = run(argc, argv);
     // An answer that could not be written, on a full disk for instance, must not look like one.
     if (std::fflush(stdout) != 0 && status == EXIT_SUCCESS) {

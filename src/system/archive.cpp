@@ -86,6 +86,12 @@ std::optional<std::string> read_tar_member(const std::string& archive, const std
                                            VelkctlError** error) {
     if (is_directory(archive))
         return read_file(archive + "/" + member, error);
+    // A pipe or the like could keep tar waiting for ever, and is gone once it was read.
+    ErrorSlot unknown;
+    if (path_exists(archive, unknown) && !is_regular_file(archive)) {
+        velkctl_error_set(error, VELKCTL_ERROR_INVALID_PACKAGE, "Invalid application package");
+        return std::nullopt;
+    }
     // In a signed package the signature follows the gzip stream: tar prints the member, then complains about
     // the rest.
     const bool garbage_expected = has_package_magic(archive);

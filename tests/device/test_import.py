@@ -540,3 +540,18 @@ def test_a_planted_link_at_a_cards_place_is_refused(
     assert run_import(support.simple_package(), "sd_card2") == (1, message)
     assert not device.exists("/etc/manifest.json")
     assert not device.exists(f"{support.CARD2}/App.tmp")
+
+
+@pytest.mark.parametrize("command", ["import", "install"])
+def test_a_pipe_is_refused_and_not_waited_for(device: Device, command: str) -> None:
+    device.sh("mkdir -p /tmp/packages && mkfifo /tmp/packages/App.vlp").check()
+    result = device.velkctl(command, "/tmp/packages/App.vlp", timeout=10)
+    assert support.outcome(result) == (1, "code 1: Invalid application package\n")
+    support.is_nowhere(device)
+
+
+def test_a_reader_of_the_log_that_goes_away_ends_nothing(device: Device) -> None:
+    path = support.put(device, support.simple_package())
+    script = 'mkfifo /tmp/log && { true </tmp/log & exec 2>/tmp/log; wait; rm /tmp/log; velkctl import "$1"; }'
+    assert device.sh(script, path).status == 0
+    assert "App" in support.store_entries(device)
