@@ -252,8 +252,46 @@ bool remove_mounts_below(const std::string& directory) {
     return ok;
 }
 
-bool unmount_or_warn(const std::string& app, const std::string& directory) {
-    if (unmount_directory(directory))
+/** Disable and stop the mount of a directory and remove the directory; whether it is gone. */
+bool stop_mount(const std::string& directory) {
+    const std::string unit = mount_unit_name(directory);
+    ErrorSlot error;
+    if (is_regular_file(unit_file(unit)))
+        survive(systemctl_disable(unit, error), &error);
+    survive(systemctl_stop(unit, error), &error);
+    if (remove_link_or_empty_dir(directory, error))
+        return true;
+    error.clear();
+    log_warning("Unmount of %s failed, will try with lazy flag", directory.c_str());
+    survive(run_command(error, "umount --lazy %s", {directory.c_str()}) == 0, &error);
+    if (remove_link_or_empty_dir(directory, error))
+        return true;
+    log_warning("Leaving behind non-empty directory %s", directory.c_str());
+    return false;
+}
+
+/** Put back the link in the store root that the mount had taken the place of. */
+bool restore_store_link(const std::string& app, const StoreLocation* location) {
+    if (!location->subdir)
+        return true;
+    ErrorSlot error;
+    return survive(
+        make_symlink_if_absent(location_link_target(app, location), paths::store_root_path(app), error),
+        &error);
+}
+
+/** The unit file goes last: after a crash it tells that the link is this application's and has to be put
+ * back. */
+bool unmount_application(const std::string& app, const StoreLocation* location) {
+    const std::string directory = paths::store_root_path(app);
+    const bool gone = stop_mount(directory);
+    (void)restore_store_link(app, location);
+    (void)remove_unit_file(mount_unit_name(directory));
+    return gone;
+}
+
+bool unmount_or_warn(const std::string& app, const StoreLocation* location) {
+    if (unmount_application(app, location))
         return true;
     ErrorSlot error;
     SET_GENERAL_ERROR(error, "Errors occurred when unmounting filesystems for %s", app.c_str());
@@ -271,25 +309,17 @@ bool remove_polling_service(const std::string& app) {
 
 /** What only applications on a card or in the layer-file store have. */
 bool remove_location_mounts(const std::string& app, const StoreLocation* location) {
-    const std::string directory = paths::store_root_path(app);
     if (location->kind == STORE_INTERNAL_VLPFS) {
-        const bool overlay_gone = unmount_directory(directory);
-        return unmount_directory(lower_directory(app, location)) && overlay_gone;
+        const bool overlay_gone = unmount_application(app, location);
+        const std::string lower = lower_directory(app, location);
+        const bool lower_gone = stop_mount(lower);
+        (void)remove_unit_file(mount_unit_name(lower));
+        return lower_gone && overlay_gone;
     }
     if (location->kind != STORE_SD_CARD1)
         return true;
     const bool polling_gone = remove_polling_service(app);
-    return unmount_or_warn(app, directory) && polling_gone;
-}
-
-/** Put back the link in the store root that the mount had taken the place of. */
-bool restore_store_link(const std::string& app, const StoreLocation* location) {
-    if (!location->subdir)
-        return true;
-    ErrorSlot error;
-    return survive(
-        make_symlink_if_absent(location_link_target(app, location), paths::store_root_path(app), error),
-        &error);
+    return unmount_or_warn(app, location) && polling_gone;
 }
 
 }  // namespace
@@ -334,30 +364,13 @@ bool create_package_contents_mounts(const ParsedManifest& parsed, const StoreLoc
                        {contents_unit.c_str(), overlay_unit.c_str()}) == 0;
 }
 
-bool unmount_directory(const std::string& directory) {
-    const std::string unit = mount_unit_name(directory);
-    ErrorSlot error;
-    if (is_regular_file(unit_file(unit)))
-        survive(systemctl_disable(unit, error), &error);
-    survive(systemctl_stop(unit, error), &error);
-    remove_unit_file(unit);
-    if (remove_link_or_empty_dir(directory, error))
-        return true;
-    error.clear();
-    log_warning("Unmount of %s failed, will try with lazy flag", directory.c_str());
-    survive(run_command(error, "umount --lazy %s", {directory.c_str()}) == 0, &error);
-    if (remove_link_or_empty_dir(directory, error))
-        return true;
-    log_warning("Leaving behind non-empty directory %s", directory.c_str());
-    return false;
-}
-
 void restore_unmounted_link(const std::string& app, const StoreLocation* location) {
     const std::string directory = paths::store_root_path(app);
+    if (!location->subdir || !is_regular_file(unit_file(mount_unit_name(directory))))
+        return;
     ErrorSlot mounted;
-    if (location->subdir && is_regular_file(unit_file(mount_unit_name(directory))) &&
-        remove_empty_dir(directory, mounted))
-        (void)restore_store_link(app, location);
+    (void)remove_empty_dir(directory, mounted);
+    (void)restore_store_link(app, location);
 }
 
 bool teardown_systemd(const std::string& app, const StoreLocation* location, VelkctlError** error) {

@@ -34,14 +34,6 @@ inline constexpr uint32_t FEATURE_SCRIPT_PERMISSIONS = 2;
                                                   VelkctlError** error);
 
 /**
- * Disable, stop and remove the mount unit of a directory, then remove the directory, unmounting it lazily
- * when it is busy. Failures on the way are warnings.
- *
- * @return false when the directory is still there
- */
-bool unmount_directory(const std::string& directory);
-
-/**
  * Put the store's link back where setup took it away for a mount that does not stand there: a setup failed or
  * died on the way to it, or it did not come up. Over the link the application and its manifest are found
  * again. Does nothing where something is mounted, and a failure is a warning.

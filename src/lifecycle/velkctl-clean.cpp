@@ -1,5 +1,7 @@
 #include "lifecycle/velkctl-clean.h"
 
+#include <sys/stat.h>
+
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/velkctl-teardown.h"
@@ -44,15 +46,27 @@ void remove_staging_directory(const std::string& app) {
         warn_and_clear_error(leftover, nullptr);
 }
 
-// An import makes the root's link to an application elsewhere last, and a teardown takes it away while it
-// unmounts. Without it the application would count as absent, and what there is of it would stay.
-void restore_root_link(const std::string& app) {
+/**
+ * Whether a directory came to its place since the lock was taken, and so by the command that died under it.
+ * In whole seconds, since not every card keeps more.
+ */
+bool is_newer_than_lock(const std::string& directory) {
+    struct stat lock {};
+    struct stat placed {};
+    return stat(paths::kLockFile, &lock) == 0 && lstat(directory.c_str(), &placed) == 0 &&
+           placed.st_ctim.tv_sec >= lock.st_mtim.tv_sec;
+}
+
+// An import makes the root's link to an application elsewhere last. Without it the application would count as
+// absent, and stay. One that has been there for longer, on a card that came from another device, is not to
+// go.
+void finish_import(const std::string& app) {
     ErrorSlot trouble;
     if (!is_valid_app_name(app, trouble) || app_exists(app.c_str(), trouble))
         return;
     ErrorSlot nowhere;
     const StoreLocation* location = find_app_location(app, nowhere);
-    if (location && location->subdir &&
+    if (location && location->subdir && is_newer_than_lock(store_path(app, location)) &&
         !make_symlink(location_link_target(app, location), paths::store_root_path(app), trouble))
         warn_and_clear_error(trouble, nullptr);
 }
@@ -60,7 +74,7 @@ void restore_root_link(const std::string& app) {
 bool undo(const std::string& app, VelkctlError** error) {
     if (app == NO_CLEAN_ON_FAILURE)
         return true;
-    restore_root_link(app);
+    finish_import(app);
     if (velkctl_teardown(app, true, false, error) == 0)
         return velkctl_remove(app, error) == 0;
     ErrorSlot ignored;

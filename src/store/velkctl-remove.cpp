@@ -85,9 +85,13 @@ int velkctl_remove(const std::string& app, VelkctlError** error) {
     return result;
 }
 
-/** Whether the root's entry is the link to an application at this location that is not there any more. */
+/**
+ * Whether the root's entry is the link to an application at this location that is not there any more. One on
+ * a card that is out is still there.
+ */
 static bool is_link_of_removed(const std::string& app, const StoreLocation& location) {
-    return location.subdir && !is_directory_no_follow(store_path(app, &location)) &&
+    return location.subdir && is_directory(location.path) &&
+           !is_directory_no_follow(store_path(app, &location)) &&
            is_symlink_target_equal_to(paths::store_root_path(app), location_link_target(app, &location));
 }
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable
 
 from apps import LOCK, app, is_locked, stored, without_place
+from store_support import CARD, STATES, STORE, Import, simple_package
 from velkdevice.device import Device
 
 Put = Callable[..., str]
@@ -93,3 +94,35 @@ def test_a_name_that_no_application_has(pristine: Device) -> None:
         10, "", "Removing /usr/local/packages/1Sample.tmp\n"
         "code 10: Character sequence in application name is not allowed\n")  # fmt: skip
     assert not is_locked(pristine)
+
+
+def test_an_application_that_came_on_a_card_stays(
+    pristine: Device, card: Callable[..., None], run_import: Import
+) -> None:
+    """Another device put it there; the command that died was about one of the same name elsewhere."""
+    card()
+    assert run_import(simple_package(), "sd_card1")[0] == 0
+    pristine.sh(f"rm {STORE}/App {STATES}/App").check()
+    leave_lock(pristine, "App")
+    pristine.sh('touch -d "10 seconds" "$1"', LOCK).check()
+    assert clean(pristine) == (
+        4, "", f"Removing {STORE}/App.tmp\ncode 4: Application not found in store: App\n")  # fmt: skip
+    assert pristine.exists(f"{CARD}/App/lower/manifest.json")
+    pristine.sh(f"rm /tmp/packages/App.vlp && rmdir /tmp/packages && chattr -i {CARD}/App/lower/* && rm -r {CARD}/App")
+
+
+def test_an_application_on_a_card_that_is_out_is_still_known(
+    pristine: Device, card: Callable[..., None], run_import: Import
+) -> None:
+    card()
+    assert run_import(simple_package(), "sd_card1")[0] == 0
+    slot = "var-spool-storage-SD_DISK.mount"
+    pristine.run(["systemctl", "stop", slot]).check()
+    leave_lock(pristine, "App")
+    assert clean(pristine)[0] == 10
+    assert not is_locked(pristine)
+    assert pristine.exists(f"{STATES}/App") and stored(pristine) == ["App"]
+    pristine.run(["systemctl", "start", slot]).check()
+    assert pristine.velkctl("remove", "App").status == 0
+    assert not pristine.exists(f"{CARD}/App") and stored(pristine) == []
+    pristine.sh("rm /tmp/packages/App.vlp && rmdir /tmp/packages").check()
