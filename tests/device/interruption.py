@@ -67,6 +67,7 @@ wipe() {
         find "$root" -xdev -type f -exec chattr -f -i {} +
         find "$root" -xdev -mindepth 1 ! -name _lock ! -name _backup -delete
     done
+    mkdir -p -m 0700 /usr/local/packages/_lock  # which the first command on a device makes
     rm -f /tmp/velkctl_* /usr/local/packages/_lock/*
 }
 remember() {
