@@ -9,12 +9,13 @@ import json
 import os
 import pty
 import re
+import resource
 import shutil
 import signal
 import struct
 import subprocess
 import tarfile
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -311,17 +312,21 @@ def test_an_output_that_cannot_be_is_refused_and_leaves_nothing(here: Path, app:
     assert not inside.exists()
 
 
+def room_for(size: int) -> Callable[[], None]:
+    """What makes a process find the disk full behind so many bytes of a file."""
+
+    def limit() -> None:
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
+
+    return limit
+
+
 def test_a_full_disk_leaves_the_package_that_was_there(here: Path, app: Path) -> None:
     (app / "noise").write_bytes(os.urandom(200_000))
     (here / "App.vlp").write_text("the one before")
 
-    def no_room() -> None:
-        import resource
-
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, 100_000))
-
-    answer = pack("build", app, preexec_fn=no_room)
+    answer = pack("build", app, preexec_fn=room_for(100_000))
     assert answer == Answer(10, "", "velk-pack: App.vlp: cannot be written: File too large\n")
     assert names(here) == ["App.vlp"]
     assert (here / "App.vlp").read_text() == "the one before"
@@ -341,6 +346,27 @@ def test_a_file_that_cannot_be_read_is_named_and_nothing_is_left(here: Path, app
     assert answer.status == 10
     assert answer.stderr.endswith("/App/secret: cannot be read: Permission denied\n")
     assert names(here) == []
+
+
+def test_a_file_that_changes_while_it_is_packed_is_named_and_nothing_is_left(here: Path, app: Path) -> None:
+    """A file of the kernel's own is shorter than it says."""
+    shorter = "/sys/kernel/mm/transparent_hugepage/enabled"
+    if os.geteuid() != 0 or not Path(shorter).exists():
+        pytest.skip("needs root and the kernel's files, for one to be mounted over another")
+    (app / "data").write_text("")
+    script = 'mount --bind "$2" "$3/data" && exec "$1" build "$3"'
+    command = ["unshare", "--mount", "sh", "-c", script, "sh", BINARY, shorter, str(app)]
+    answer = subprocess.run(command, capture_output=True, check=False, text=True)
+    assert (answer.returncode, answer.stdout) == (10, "")
+    assert answer.stderr == f"velk-pack: {app}/data: changed while it was packed\n"
+    assert names(here) == []
+
+
+def test_the_folder_above_and_the_root_are_places_for_a_package(here: Path, app: Path) -> None:
+    assert pack("build", f"{app}/", "--output", "../above.vlp").status == 0
+    assert (here.parent / "above.vlp").exists()
+    inside = Answer(10, "", "velk-pack: /x y.vlp: Character sequence in application package file name is not allowed\n")
+    assert pack("build", app, "--output", "/x y.vlp") == inside
 
 
 def test_building_answers_a_machine(here: Path, app: Path) -> None:
@@ -399,6 +425,31 @@ def test_without_gpg_there_is_one_line(package: Path) -> None:
     answer = pack("sign", package, "--key", "x", env={"PATH": "/nowhere"})
     assert (answer.status, answer.stderr.count("\n")) == (10, 1)
     assert answer.stderr.startswith("velk-pack: gpg: cannot be started: ")
+
+
+def test_a_full_disk_or_a_bad_name_leaves_the_unsigned_package(package: Path, home_of_key: Key) -> None:
+    (package.parent / "sig").write_bytes(home_of_key.gpg("--armor", "--detach-sign", data=package.read_bytes()))
+    before, size = package.read_bytes(), package.stat().st_size
+    rule = "Character sequence in application package file name is not allowed"
+    for command in (["sign", "--key", home_of_key.fingerprint], ["attach"]):
+        arguments = [*command, package, *(["sig"] if command == ["attach"] else [])]
+        for room in (10, size + 10):  # of the archive itself, and of the signature
+            answer = pack(*arguments, preexec_fn=room_for(room))
+            assert answer == Answer(10, "", f"velk-pack: {package}: cannot be written: File too large\n")
+        assert pack(*arguments, "--output", "a b.vlp") == Answer(10, "", f"velk-pack: a b.vlp: {rule}\n")
+        assert package.read_bytes() == before
+        assert names(package.parent) == ["App.vlp", "sig"]
+
+
+def test_a_signature_without_an_archive_is_no_package(here: Path, key: Key) -> None:
+    (here / "x.vlp").write_bytes(b"x" * 20 + struct.pack(">II", 20, 1) + MAGIC)
+    none = Answer(1, "", "velk-pack: x.vlp: holds no archive\n")
+    assert pack("split", "x.vlp") == pack("verify", "x.vlp", "--keyring", key.keyring) == none
+    with (here / "x.vlp").open("wb") as package:
+        package.truncate(0x80000000)
+        package.seek(0, os.SEEK_END)
+        package.write(struct.pack(">II", 0x7FFFFFF1, 1) + MAGIC)
+    assert pack("info", "x.vlp") == Answer(2, "", "velk-pack: x.vlp: the signature is too large\n")
 
 
 @pytest.mark.parametrize("command", ["sign", "attach", "verify", "split", "info"])
@@ -580,6 +631,47 @@ def test_a_package_cannot_steer_the_terminal(here: Path) -> None:
     assert "a?]0;title?b" in answer.stdout
 
 
+def test_info_of_a_plain_package_with_every_kind_of_member(here: Path) -> None:
+    manifest = json.dumps(manifest_of(compatibleOsVersions=[{"min": "11.0", "max": "12.0"}])).encode()
+    with tarfile.open(here / "x.vlp", "w") as archive:
+        for name in ("manifest.json", "./manifest.json"):  # of two the first one counts
+            member = tarfile.TarInfo(name)
+            member.size = len(manifest if name == "manifest.json" else b"{")
+            archive.addfile(member, io.BytesIO(manifest if name == "manifest.json" else b"{"))
+        for name, kind in (("hard", tarfile.LNKTYPE), ("pipe", tarfile.FIFOTYPE), ("del\x7f", tarfile.DIRTYPE)):
+            member = tarfile.TarInfo(name)
+            member.type, member.linkname = kind, "manifest.json"
+            archive.addfile(member)
+    answer = pack("info", "x.vlp")
+    assert answer.status == 0
+    assert re.search(r"^  firmware      .*11\.0.*12\.0", answer.stdout, re.MULTILINE)
+    assert re.search(r"^  archive       \d+ bytes, plain$", answer.stdout, re.MULTILINE)
+    listed = [line.split()[::2] for line in answer.stdout.splitlines() if line.startswith("    ")]
+    assert [("-rw-r--r--", "hard"), ("?rw-r--r--", "pipe"), ("drw-r--r--", "del?")] == [tuple(e) for e in listed[2:]]
+    assert json.loads(pack("info", "x.vlp", "--json").stdout)["compression"] == "none"
+
+
+def test_an_archive_that_is_broken_off_in_the_manifest_is_refused(here: Path) -> None:
+    with tarfile.open(here / "x.vlp", "w") as archive:
+        member = tarfile.TarInfo("manifest.json")
+        member.size = 10_000
+        archive.addfile(member, io.BytesIO(b" " * 10_000))
+    (here / "x.vlp").write_bytes((here / "x.vlp").read_bytes()[:5_000])
+    answer = pack("info", "x.vlp")
+    assert answer.status == 1
+    assert answer.stderr.startswith("velk-pack: x.vlp: the archive cannot be read: ")
+
+
+def test_without_gpg_info_knows_no_signer_and_nothing_is_verified(signed: Path, key: Key) -> None:
+    nowhere = {**os.environ, "PATH": "/nowhere"}
+    answer = pack("info", signed, env=nowhere)
+    assert answer.status == 0
+    assert "  signer        unknown (not verified)\n" in answer.stdout
+    answer = pack("verify", signed, "--keyring", key.keyring, env=nowhere)
+    assert (answer.status, answer.stderr.count("\n")) == (10, 1)
+    assert answer.stderr.startswith("velk-pack: gpgv: cannot be started: ")
+
+
 def test_a_package_without_a_manifest_is_refused(here: Path) -> None:
     made_package(here / "x.vlp", {"other": b""})
     assert pack("info", "x.vlp") == Answer(1, "", "velk-pack: x.vlp: holds no manifest.json\n")
@@ -624,6 +716,14 @@ def test_a_folder_that_exists_is_left_alone(signed: Path) -> None:
     )
 
 
+def test_a_full_disk_leaves_no_part_and_no_new_application(signed: Path) -> None:
+    answer = pack("split", signed, preexec_fn=room_for(10))
+    assert answer.status == 10
+    assert re.fullmatch(r"velk-pack: App\.parts\.\w+/archive\.tar\.gz: cannot be written: File too large\n", answer.stderr)
+    assert pack("new", "x", preexec_fn=room_for(10)).status == 10
+    assert names(signed.parent) == ["App.vlp"]
+
+
 # --- new ---
 
 
@@ -666,6 +766,7 @@ def test_help_goes_to_standard_output(here: Path) -> None:
         assert (answer.status, answer.stderr) == (0, "")
         assert answer.stdout.startswith(f"\nUsage: velk-pack {command} ")
     assert re.fullmatch(r"\d+\.\d+\.\d+\n", pack("--version").stdout)
+    assert pack("-v") == pack("--version")
 
 
 @pytest.mark.parametrize(
