@@ -1,8 +1,8 @@
 /*
- * velk-step: run a command and end, hold or merely count it at the system calls that change something.
+ * velk-step: run a command and end, fail, hold or merely count it at the system calls that change something.
  *
- *   velk-step [--log FILE] [--without-sync] [--kill N | --hold-when PATH] [--cut DIRECTORY]... COMMAND
- * [ARGUMENT...]
+ *   velk-step [--log FILE] [--without-sync] [--kill N | --fail N | --hold-when PATH] [--cut DIRECTORY]...
+ * COMMAND [ARGUMENT...]
  *
  * Every process and thread that the command starts is followed. The calls that change something (a file, its
  * attributes, a mount, another process; a message to a service; and what presses all that to the disk) are
@@ -13,6 +13,7 @@
  *   --without-sync   let the calls that sync return at once without doing or counting anything: a process
  * that is killed loses nothing of what it wrote, and sync(2) waits for every disk of the machine
  *   --kill N         SIGKILL to all of it before the N-th; none of them changes anything any more
+ *   --fail N         the N-th is not carried out and answers its caller "Input/output error"
  *   --hold-when PATH stop at the first for which PATH exists ("held" in the log), until a byte or the end of
  * standard input comes; the command's own standard input is /dev/null
  *   --cut DIRECTORY  at the kill, or else when the command has ended: shut the ext4 file system there down,
@@ -24,6 +25,7 @@
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
+#include <elf.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/fs.h>
@@ -40,6 +42,8 @@
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -150,6 +154,7 @@ static struct {
     int log;
     int without_sync;
     long kill_at;
+    long fail_at;
     const char* hold_when;
     const char* cuts[MAX_CUTS];
     int cut_count;
@@ -320,6 +325,25 @@ static void kill_all(void) {
     }
 }
 
+/* The kernel carries out no call of number -1, and leaves the result that is there already. */
+static void fail_call(pid_t task) {
+    struct user_regs_struct registers;
+    struct iovec place = {&registers, sizeof registers};
+    if (ptrace(PTRACE_GETREGSET, task, NT_PRSTATUS, &place) != 0) {
+        return; /* killed by somebody else while it was stopped */
+    }
+#ifdef __x86_64__
+    registers.orig_rax = (unsigned long long)-1;
+    registers.rax = (unsigned long long)-EIO;
+#else
+    int number = -1;
+    struct iovec number_place = {&number, sizeof number};
+    ptrace(PTRACE_SETREGSET, task, NT_ARM_SYSTEM_CALL, &number_place);
+    registers.regs[0] = (unsigned long long)-EIO;
+#endif
+    ptrace(PTRACE_SETREGSET, task, NT_PRSTATUS, &place);
+}
+
 static void hold(void) {
     char byte;
     state.held = 1;
@@ -365,6 +389,8 @@ static void look_at_call(pid_t task) {
     if (state.passed == settings.kill_at) {
         cut_power();
         kill_all();
+    } else if (state.passed == settings.fail_at) {
+        fail_call(task);
     } else if (settings.hold_when != NULL && !state.held && access(settings.hold_when, F_OK) == 0) {
         hold();
     }
@@ -464,6 +490,8 @@ static char** parse(char** argv) {
             }
         } else if (strcmp(*argv, "--kill") == 0) {
             settings.kill_at = strtol(*++argv, NULL, 10);
+        } else if (strcmp(*argv, "--fail") == 0) {
+            settings.fail_at = strtol(*++argv, NULL, 10);
         } else if (strcmp(*argv, "--hold-when") == 0) {
             settings.hold_when = *++argv;
         } else if (strcmp(*argv, "--cut") == 0 && settings.cut_count < MAX_CUTS) {
@@ -479,8 +507,8 @@ int main(int argc, char** argv) {
     char** command = argc > 0 ? parse(argv) : NULL;
     if (command == NULL) {
         fprintf(stderr,
-                "usage: velk-step [--log FILE] [--without-sync] [--kill N | --hold-when PATH] "
-                "[--cut DIRECTORY]... COMMAND [ARGUMENT...]\n");
+                "usage: velk-step [--log FILE] [--without-sync] [--kill N | --fail N | --hold-when "
+                "PATH] [--cut DIRECTORY]... COMMAND [ARGUMENT...]\n");
         return TROUBLE;
     }
     start(command);

@@ -3,6 +3,7 @@ Commands on the device, followed call by call: ended, held or merely counted at 
 
     steps = stepper.run(device, [...])              every changing call of the command and of all its children
     stepper.run(device, [...], kill=7)              SIGKILL to all of it before the seventh
+    stepper.run(device, [...], fail=7)              the seventh fails
     with stepper.hold(device, [...], when=LOCK) as held:
         ...                                         it stands still before its first change for which LOCK exists
         result = held.let_go()                      and goes on to its end
@@ -66,16 +67,23 @@ def parse(log: str) -> tuple[tuple[Point, ...], str]:
 
 
 def run(
-    device: Device, command: Sequence[str], kill: int | None = None, sync: bool = False, cut: Sequence[str] = ()
+    device: Device,
+    command: Sequence[str],
+    kill: int | None = None,
+    sync: bool = False,
+    cut: Sequence[str] = (),
+    fail: int | None = None,
 ) -> Steps:
     """
     Run a command to its end, or to the kill before its call number `kill`.
 
+    @param fail  the number of a call that is not carried out, but fails with "Input/output error"
     @param sync  carry out and count the calls that sync; without it they return at once
     @param cut   directories whose ext4 file systems lose power at the end
     """
     options = [] if sync else ["--without-sync"]
     options += ["--kill", str(kill)] if kill else []
+    options += ["--fail", str(fail)] if fail else []
     options += [part for directory in cut for part in ("--cut", directory)]
     result = device.run(argv(command, *options), env=ENVIRONMENT)
     return Steps(*parse(device.sh('cat "$1" && rm "$1"', LOG).check().stdout), result)

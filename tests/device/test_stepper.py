@@ -64,6 +64,14 @@ def test_a_kill_leaves_what_was_done_and_nothing_more(place: Device, number: int
     assert look(place) == STATES[number - 1]
 
 
+def test_a_call_that_fails_changes_nothing_and_says_so(place: Device) -> None:
+    script = f"cd {PLACE} && echo one >file && chmod 600 file; mkdir directory; ln -s nowhere link"
+    steps = stepper.run(place, ["/bin/sh", "-c", script], fail=4)
+    assert [point.call for point in steps.points] == ["openat", "write", "fchmodat", "mkdir", "symlinkat"]
+    assert steps.result.stderr == "mkdir: cannot create directory \u2018directory\u2019: Input/output error\n"
+    assert (steps.end, look(place)) == ("exited 0", "file 4 600 link")
+
+
 def test_a_kill_reaches_children_that_change_nothing(place: Device) -> None:
     script = f"sleep 98765 & sleep 98765 | sleep 98765 & (setsid sleep 98765 &) ; mkdir {PLACE}/reached"
     assert stepper.run(place, ["/bin/sh", "-c", script], kill=1).end == "killed"
