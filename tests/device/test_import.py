@@ -597,6 +597,17 @@ def test_data_that_is_emptied_behind_its_verification(device: Device, run_import
     support.is_nowhere(device)
 
 
+@pytest.mark.usefixtures("unsigned_allowed")
+def test_a_file_system_that_does_not_tell_its_room(device: Device) -> None:
+    path = support.put(device, support.simple_package(sign=False))
+    command = ["systemd-run", "--quiet", "--collect", "--pipe", "--wait", "-p", "SystemCallFilter=~statfs fstatfs",
+               "-p", "SystemCallErrorNumber=EIO", "-E", "ASAN_OPTIONS", "-E", "LLVM_PROFILE_FILE"]  # fmt: skip
+    result = device.run([*command, "velkctl", "import", path])
+    text = f"Failed to get filesystem stats for {STORE}/App.tmp: Input/output error"
+    assert support.outcome(result) == (10, f"{UNSIGNED}code 10: src/store/store-layout.cpp:N: {text}\n")
+    support.is_nowhere(device)
+
+
 def test_data_that_cannot_be_deleted_is_only_told(device: Device) -> None:
     path = support.put(device, support.simple_package())
     script = '"$REAL" "$@" || exit\nfor data; do :; done\nmount --bind "$data" "$data"\n'
