@@ -3,12 +3,18 @@
 #include "base/paths.h"
 #include "base/quote.h"
 
+/** Stands in front of a regular expression where a section's name is expected, and makes the next word that.
+ */
+static constexpr const char* kExpressionMark = "~";
+
 /**
  * The name of a file or directory in quotes, for a section that takes a name or a pattern: one that the web
  * server would take for a pattern is written as the pattern that only it fits. An escaped wildcard would not
  * do, since the server sees no pattern in it and then compares the escaping too.
  */
 static std::string section_name(const std::string& name) {
+    if (name == kExpressionMark)
+        return double_quoted("[~]");
     if (name.find_first_of("*?[") == std::string::npos)
         return double_quoted(name);
     std::string pattern;

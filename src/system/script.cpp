@@ -133,6 +133,8 @@ static int64_t elapsed_ms(const timespec& start) {
     return elapsed_ns / 1'000'000;
 }
 
+bool is_over_time(int64_t elapsed_ms, int32_t timeout_s) { return elapsed_ms > int64_t{timeout_s} * 1000; }
+
 /** Wait for the child, killing it and its descendants when it takes too long. */
 static bool await_child(pid_t pid, const std::string& script, int32_t timeout_s, int* status,
                         VelkctlError** error) {
@@ -147,7 +149,7 @@ static bool await_child(pid_t pid, const std::string& script, int32_t timeout_s,
                               system_error_text().c_str());
             return false;
         }
-        if (elapsed_ms(start) > static_cast<int64_t>(timeout_s) * 1000) {
+        if (is_over_time(elapsed_ms(start), timeout_s)) {
             kill_process_tree(pid);
             velkctl_error_set(error, VELKCTL_ERROR_TIMEOUT,
                               "Execution of %s took more than %d s so the process was forcefully killed.",

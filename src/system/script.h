@@ -32,6 +32,9 @@ struct ScriptRunOptions {
                                       const std::string& user, ScriptRunOptions options,
                                       VelkctlError** error);
 
+/** Whether a script that has run for so long has had more than its time; one that took exactly it has not. */
+bool is_over_time(int64_t elapsed_ms, int32_t timeout_s);
+
 /**
  * Kill a process and all its descendants, descendants first, so that none is re-parented out of sight, and
  * give them up to a second to be gone. None is reaped here.

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 import re
 from pathlib import Path
 from typing import Any
@@ -48,6 +49,12 @@ def uninstallation(files: dict[str, Any], **settings: Any) -> dict[str, Any]:
     """The same files with these keys in the manifest's uninstallation section."""
     files["manifest.json"]["velkPackageConf"].setdefault("uninstallation", {}).update(settings)
     return files
+
+
+def built(program: str) -> Path:
+    """A program for the tests, of the build that velkctl is from."""
+    velkctl = os.environ.get("VELKCTL_BINARY") or EXAMPLES.parent / "build" / "debug" / "src" / "velkctl"
+    return Path(velkctl).parents[1] / "tests" / program
 
 
 def without_place(log: str) -> str:

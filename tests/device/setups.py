@@ -112,6 +112,32 @@ def program(device: Device, name: str, script: str) -> Iterator[dict[str, str]]:
         device.sh("rm -r /tmp/fake").check()
 
 
+@contextmanager
+def under_the_mounts(device: Device) -> Iterator[str]:
+    """A place where the store is seen as if nothing were mounted on what it holds."""
+    place = "/run/under-the-mounts"
+    device.sh(f'mkdir {place} && mount --bind "$1" {place}', STORE).check()
+    try:
+        yield place
+    finally:
+        device.sh(f"umount {place} && rmdir {place}").check()
+
+
+# What teardown says when it cannot remove the directory that the application was mounted on.
+STAYING = (
+    f"Unmount of {STORE}/Sample failed, will try with lazy flag\n"
+    f"umount: {STORE}/Sample: not mounted.\n"
+    f'src/system/subprocess.cpp: Failed running "umount --lazy {STORE}/Sample" with the error: Directory not empty\n'
+    f"Leaving behind non-empty directory {STORE}/Sample\n"
+)
+# What it ends with when it could not take the units away.
+UNITS_FAILED = (
+    "Failed to teardown systemd during teardown of Sample: src/integration/systemd.cpp: "
+    "Failure during teardown of systemd units for Sample\n"
+    "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample\n"
+)
+
+
 def fetch(device: Device, path: str, user: str | None, *options: str) -> tuple[str, str]:
     """Status code and body of a request to the device's web server."""
     login = ["-u", f"{user}:{user}"] if user else []

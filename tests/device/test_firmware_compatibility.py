@@ -8,6 +8,7 @@ from collections.abc import Callable, Iterator
 from typing import Any
 
 import pytest
+from apps import without_place
 from velkdevice import package
 from velkdevice.device import Device
 
@@ -130,6 +131,24 @@ def test_from_13_on_unsigned_applications_are_refused(store: Store) -> None:
     store.app("Loose", signed=False, compatibleOsVersions=[{"min": "1", "max": "99"}])
     assert ask(store, "12.0") == FINE
     assert ask(store, "13.0") == refusal("13.0", entry("Loose", "1.0.0", 2, UNSIGNED))
+
+
+def test_a_state_that_is_confirmed_in_other_letters_is_not_confirmed(store: Store) -> None:
+    store.app("Loose", compatibleOsVersions=[{"min": "1", "max": "99"}])
+    assert ask(store, "13.0") == FINE
+    for state in ("Confirmed", "CONFIRMED", "confirmed ", ""):
+        store.device.write(f"{STATES}/Loose", json.dumps({"signature": "", "state": state}))
+        assert ask(store, "13.0") == refusal("13.0", entry("Loose", "1.0.0", 2, UNSIGNED)), state
+
+
+def test_a_store_that_cannot_be_read_holds_no_application(device: Device) -> None:
+    script = f"mount -t tmpfs -o mode=0700 none {STORE} && exec setpriv --reuid nobody --clear-groups "
+    for version, kinds in (("12.0", ("manifest",)), ("13.0", ("legacy", "manifest"))):
+        command = f"{script} velkctl firmware-compatibility {version}"
+        result = device.run(["unshare", "--mount", "sh", "-c", command])
+        reason = f"src/store/velkctl-store.cpp: Failed to read store path directory {STORE}: Permission denied\n"
+        log = "".join(f"Could not enumerate {kind} apps: {reason}" for kind in kinds)
+        assert (result.status, result.stdout, without_place(result.stderr)) == (0, "{}", log)
 
 
 def test_unsigned_applications_need_the_setting_and_the_marker(store: Store) -> None:

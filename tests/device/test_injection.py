@@ -174,6 +174,17 @@ def test_a_page_named_like_a_pattern_has_its_own_rule_and_leaves_the_others_thei
         assert codes(workshop, f"/local/Sample/{quote(f'[d]*/{name}')}") == ["401", "403", "503", "503"], name
 
 
+def test_a_page_named_like_the_mark_of_an_expression_opens_no_other_page(workshop: Device, put_package: Put) -> None:
+    """Apache takes the word for an expression that follows, and without one for an expression that fits all names."""
+    entries = [{"type": "directory", "access": "admin"}, {"type": "transferCgi", "access": "viewer", "name": "~"}]
+    set_up(workshop, put_package, configured(httpConfig=entries) | {"html/~": "page\n", "html/~a.html": "other\n"})
+    check_configuration(workshop)
+    workshop.wait_for(lambda: codes(workshop, "/local/Sample/~")[0] == "401", "the new rules")
+    found = {page: codes(workshop, f"/local/Sample/{page}") for page in ("index.html", "~a.html", "~")}
+    # Nothing answers on the socket, so who may is told that.
+    assert found == {"index.html": ALLOWED["admin"], "~a.html": ALLOWED["admin"], "~": ["401", "503", "503", "503"]}
+
+
 @pytest.mark.parametrize(("name", "code", "text"), [
     ("a\nb", 29, "Field 'httpConfig.name' in manifest contains a newline"),
     ("a\r", 29, "Field 'httpConfig.name' in manifest contains a newline"),

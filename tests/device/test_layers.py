@@ -9,8 +9,8 @@ from typing import Any
 
 import pytest
 from apps import app, installation, is_locked, stored, uninstallation, without_gpgv, without_place
-from setups import (STORE, UNITS, Put, codes, configured, outside, program, show, store_app, velkctl, verify,
-                    workshop)
+from setups import (STAYING, STORE, UNITS, UNITS_FAILED, Put, codes, configured, outside, program, show, store_app,
+                    under_the_mounts, velkctl, verify, workshop)
 from store_support import LAYERS, allow_unsigned
 from velkdevice.device import Device
 
@@ -111,6 +111,23 @@ def test_the_mount_options_show_on_every_path(layered: Device, put_package: Put)
     assert layered.sh(script, f"{STORE}/Sample").check().stdout.splitlines()[-1] == "manifest.json 444 root:root"
     assert layered.read(f"{LAYERS}/Sample/upper/localdata/after") == "velk-sample\n"
     assert layered.sh(f"touch {LAYERS}/Sample/lower/x").status != 0
+
+
+def test_setup_leaves_modes_and_groups_of_pages_as_they_are(layered: Device, put_package: Put) -> None:
+    """Those of the package come from the mount, and what the application has made of pages in its layer is its own."""
+    assert install(layered, put_package, layered_app()) == INSTALLED
+    layered.velkctl("teardown", "--persist-user", "Sample").check()
+    script = """
+        cd "$1/html" 2>/dev/null || mkdir "$1/html" && cd "$1/html" && mkdir -p made sub && rm -f LICENSE
+        echo made >own.html && echo made >made/own.html && echo made >sub/own.html
+        chown -R velk-sample:viewer . && chmod 0700 made && chmod 0715 sub && chmod 0604 own.html */own.html
+    """
+    layered.sh(script, f"{LAYERS}/Sample/upper").check()
+    look = f"cd {STORE}/Sample/html && stat -c '%n %a %G' made sub own.html made/own.html sub/own.html"
+    assert velkctl(layered, "setup", "Sample")[0] == 0
+    assert layered.sh(look).check().stdout.splitlines() == [
+        "made 700 viewer", "sub 715 viewer", "own.html 604 viewer", "made/own.html 604 viewer",
+        "sub/own.html 604 viewer"]  # fmt: skip
 
 
 def test_its_pages_are_served(layered: Device, put_package: Put) -> None:
@@ -277,6 +294,17 @@ def test_what_is_not_mounted_any_more_is_torn_down_whole(layered: Device, put_pa
     layered.sh(f"systemctl stop {OVERLAY} {CONTENTS}").check()
     assert velkctl(layered, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
     assert layered_outside(layered) == before
+
+
+def test_a_directory_that_hides_a_file_under_its_mount_stays(layered: Device, put_package: Put) -> None:
+    store_app(layered, put_package, app(), WHERE)
+    layered.velkctl("setup", "Sample").check()
+    with under_the_mounts(layered) as store:
+        layered.sh(f"echo mine >{store}/Sample/hidden").check()
+    found = velkctl(layered, "teardown", "Sample")
+    hidden = layered.read(f"{STORE}/Sample/hidden")
+    layered.sh(f"cd {STORE} && rm Sample/hidden && rmdir Sample && ln -s {LAYERS}/Sample/upper Sample").check()
+    assert (found, hidden) == ((10, STAYING + UNITS_FAILED), "mine\n")
 
 
 def test_a_busy_mount_is_detached(layered: Device, put_package: Put) -> None:

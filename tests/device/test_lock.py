@@ -3,12 +3,14 @@
 from __future__ import annotations
 
 import os
+import re
 import signal
 import subprocess
 from collections.abc import Iterator
 
 import pytest
 import store_support as support
+from apps import built, without_gpgv
 from store_support import LOCK, STORE, Import
 from velkdevice.device import Device
 
@@ -140,6 +142,41 @@ def test_a_full_disk_fails_to_lock(device: Device) -> None:
     assert log.startswith(f"code 10: src/store/lock.cpp:N: Could not create temporary file: {pattern}"), log
     assert log.endswith(".tmp: No space left on device\n"), log
     support.is_nowhere(device)
+
+
+def test_a_lock_that_is_taken_twice_keeps_its_first_name_and_goes_with_the_second_release(device: Device) -> None:
+    device.copy_in(built("direct-calls"), "/tmp/direct-calls")
+    result = device.run(["/tmp/direct-calls", "nested-locks"])
+    device.sh("rm /tmp/direct-calls").check()
+    assert (result.status, result.stdout, result.stderr) == (0, "First\nFirst\nFirst\n(none)\n", "")
+    assert device.sh(f"ls -A {STORE}/_lock").stdout == ""
+
+
+def test_a_lock_that_cannot_be_linked_leaves_no_temporary(device: Device) -> None:
+    """The file system has an inode for the temporary file and none for a second name of it."""
+    path = support.put(device, support.simple_package())
+    script = (
+        f"mkdir -p -m 700 {STORE}/_lock && mount -t tmpfs -o size=4k,nr_inodes=2 none {STORE}/_lock || exit; "
+        f'velkctl import "$1"; end=$?; ls -A {STORE}/_lock; exit $end'
+    )
+    result = device.run(["unshare", "--mount", "sh", "-c", script, "sh", path])
+    message = f"code 10: src/store/lock.cpp:N: Failed creating file {LOCK}: No space left on device\n"
+    assert (support.outcome(result), without_gpgv(result.stdout)) == ((10, message), "")
+    support.is_nowhere(device)
+
+
+def test_a_lock_that_cannot_be_deleted_is_only_told(device: Device, run_import: Import) -> None:
+    device.sh(f"mkdir -p -m 700 {STORE}/_lock && chattr +a {STORE}/_lock").check()
+    status, log = run_import(support.simple_package())
+    left = device.sh(f"chattr -a {STORE}/_lock; ls -A {STORE}/_lock; rm {STORE}/_lock/*").check().stdout.split()
+    temporary = re.search(r"velkctl_\w{6}\.tmp", log)
+    assert temporary, log
+    told = (
+        f"Could not delete temporary file {STORE}/_lock/{temporary[0]}: Operation not permitted\n"
+        "Unlinking lock file failed: Operation not permitted\n"
+    )
+    assert (status, log) == (0, told + IMPORTED[1])
+    assert left == ["velkctl", temporary[0]]
 
 
 # --- clean ---

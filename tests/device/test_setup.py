@@ -2,13 +2,15 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
 import pytest
-from apps import LOCK, app, installation, is_locked, uninstallation
+from apps import LOCK, app, built, installation, is_locked, uninstallation
 from setups import (SETTINGS, STORE, UNITS, Put, changed, configured, failing, outside, program, section, set_up,
                     show, store_app, velkctl, verify, workshop)  # fmt: skip
+from store_support import CARD2
 from velkdevice.device import Device
 
 DATA = Path(__file__).resolve().parents[1] / "data"
@@ -352,6 +354,67 @@ def test_an_application_on_a_card_has_a_writable_overlay(fresh_device: Device, p
     assert device.run(["readlink", f"{STORE}/Sample"]).stdout == target + "\n"
     assert {line for line in outside(device, "Sample") if "unit:" in line or "mount:" in line} <= set(before)
     assert velkctl(device, "remove", "Sample")[0] == 0
+
+
+def test_an_application_on_the_second_card_has_the_units_of_one_that_is_on_none(
+    workshop: Device, put_package: Put, card: Callable[..., None]
+) -> None:
+    """Where its link leads there is nothing after an import, so its files are put there by hand."""
+    card("SD_DISK2")
+    store_app(workshop, put_package, app(), "sd_card2")
+    try:
+        workshop.sh(f"""
+            cd {CARD2}/Sample && chattr -i manifest.json package.conf && mkdir lower &&
+            find . -mindepth 1 -maxdepth 1 ! -name lower -exec mv '{{}}' lower ';' &&
+            chattr +i lower/manifest.json lower/package.conf
+        """).check()
+        before = workshop.sh(f"find {UNITS} | sort").stdout.splitlines()
+        assert velkctl(workshop, "setup", "Sample") == (0, "Successfully set up application Sample\n")
+        after = workshop.sh(f"find {UNITS} | sort").stdout.splitlines()
+        assert sorted(set(after) - set(before)) == [
+            f"{UNITS}/sdkSample.service", f"{UNITS}/sdkSample.service.d",
+            f"{UNITS}/sdkSample.service.d/50-orvo-network.conf"]  # fmt: skip
+        assert workshop.read(f"{UNITS}/sdkSample.service") == expected("service-plain.service")
+        assert workshop.run(["readlink", f"{STORE}/Sample"]).stdout == f"{CARD2}/Sample/lower\n"
+        assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")
+        assert workshop.sh(f"find {UNITS} | sort").stdout.splitlines() == before
+        assert workshop.run(["readlink", f"{STORE}/Sample"]).stdout == f"{CARD2}/Sample/lower\n"
+    finally:
+        workshop.velkctl("uninstall", "Sample")
+    assert not workshop.exists(f"{CARD2}/Sample")
+
+
+def test_an_application_that_may_not_lie_on_a_card(
+    workshop: Device, put_package: Put, card: Callable[..., None]
+) -> None:
+    workshop.copy_in(built("direct-calls"), "/tmp/direct-calls")
+    card()
+    store_app(workshop, put_package, app(), "sd_card1")
+    result = workshop.run(["/tmp/direct-calls", "setup-inside", "Sample"])
+    workshop.sh("rm /tmp/direct-calls").check()
+    workshop.velkctl("remove", "Sample").check()  # nothing else than what the store holds was there
+    assert (result.status, result.stdout, result.stderr) == (
+        33, "", "code 33: Installation to location sd_card1 is not supported.\n")  # fmt: skip
+    assert not is_locked(workshop)
+
+
+def test_an_overlay_that_does_not_come_up_does_not_keep_the_rest_from_being_made(
+    workshop: Device, put_package: Put, card: Callable[..., None]
+) -> None:
+    card()
+    store_app(workshop, put_package, app(), "sd_card1")
+    script = '"$REAL" "$@"; status=$?\ncase "$1" in enable | start) exit 3 ;; esac\nexit $status\n'
+    mount = "usr-local-packages-Sample.mount"
+    with program(workshop, "systemctl", script) as env:
+        status, told = velkctl(workshop, "setup", "Sample", env=env)
+    try:
+        lines = [line for line in told.splitlines() if not line.startswith("Created symlink ")]
+        assert (status, lines) == (0, [f"Failed to enable {mount}", f"Failed to start {mount}",
+                                       "Successfully set up application Sample"])  # fmt: skip
+        assert workshop.read(f"{UNITS}/{mount}") == expected("card-overlay.mount")
+        assert workshop.read(f"{UNITS}/sdkSample.service") == expected("service-card.service")
+    finally:
+        workshop.velkctl("uninstall", "Sample").check()
 
 
 def test_the_second_card_has_no_application_to_set_up(fresh_device: Device, put_package: Put) -> None:

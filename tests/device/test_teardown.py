@@ -2,12 +2,14 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from typing import Any
 
 import pytest
-from apps import LOCK, app, is_locked, uninstallation
-from setups import (SETTINGS, STORE, UNITS, Put, changed, configured, failing, outside, program, section, set_up,
-                    store_app, velkctl, workshop)  # fmt: skip
+from apps import LOCK, app, is_locked, uninstallation, without_place
+from setups import (SETTINGS, STAYING, STORE, UNITS, UNITS_FAILED, Put, changed, configured, failing, outside, program,
+                    section, set_up, store_app, under_the_mounts, velkctl, workshop)  # fmt: skip
+from store_support import CARD
 from velkdevice.device import Device
 
 SUMMARY = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample\n"
@@ -371,3 +373,28 @@ def test_only_the_applications_own_container_links_go(workshop: Device, put_pack
             workshop.sh('rm -f "$1"', link).check()
     finally:
         workshop.sh("rm -rf /usr/local/lib/docker /usr/local/bin/docker").check()
+
+
+def test_a_card_directory_that_hides_a_file_under_its_mount_stays(
+    workshop: Device, put_package: Put, card: Callable[..., None]
+) -> None:
+    card()
+    store_app(workshop, put_package, app(), "sd_card1")
+    workshop.velkctl("setup", "Sample").check()
+    with under_the_mounts(workshop) as store:
+        workshop.sh(f"echo mine >{store}/Sample/hidden").check()
+    found = velkctl(workshop, "teardown", "Sample")
+    hidden = workshop.read(f"{STORE}/Sample/hidden")
+    workshop.sh(f"cd {STORE} && rm Sample/hidden && rmdir Sample && ln -s {CARD}/Sample/lower Sample").check()
+    workshop.velkctl("remove", "Sample").check()
+    errors = "src/integration/systemd.cpp: Errors occurred when unmounting filesystems for Sample\n"
+    assert (found, hidden) == ((10, STAYING + errors + UNITS_FAILED), "mine\n")
+
+
+def test_units_that_cannot_be_looked_through(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app())
+    command = "mount -t tmpfs none /etc/systemd && exec velkctl teardown --persist-user Sample"
+    result = workshop.run(["unshare", "--mount", "sh", "-c", command])
+    unread = f"src/integration/systemd.cpp: The systemd path {UNITS} could not be opened\n"
+    assert (result.status, result.stdout, without_place(result.stderr)) == (10, "", unread + UNITS_FAILED)
+    assert velkctl(workshop, "teardown", "Sample") == (0, "Successfully tore down application Sample\n")

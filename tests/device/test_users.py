@@ -97,6 +97,22 @@ def test_a_group_that_the_amend_list_denies(workshop: Device, put_package: Put) 
         workshop.write(AMEND_LIST, "")
 
 
+def test_an_amend_list_that_does_not_parse_refuses_groups_and_drops_conditional_ones(
+    workshop: Device, put_package: Put
+) -> None:
+    workshop.write(AMEND_LIST, "Allow audio\n")
+    try:
+        status, told = refused(workshop, put_package, section(app(), "resources.linux.user.groups", ["video"]))
+        workshop.velkctl("remove", "Sample").check()
+        set_up(workshop, put_package, section(app(), "resources.linux.user.conditionalGroups", ["video"]))
+        left = groups_of(workshop)
+    finally:
+        workshop.write(AMEND_LIST, "")
+    text = "src/manifest/allowlist.cpp: Failed to parse amend-list: Not allowed label 'Allow' in list"
+    assert (status, last_line(told)) == (10, f"code 10: {text}")
+    assert left == ["velk-sample"]
+
+
 MALFORMED = [
     ("resources.linux.user.groups", {}, "groups in manifest is not an array"),
     ("resources.linux.user.groups", [1], "groups in manifest does not contain strings"),

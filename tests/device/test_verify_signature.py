@@ -9,6 +9,7 @@ from pathlib import Path
 
 import pytest
 import store_support as support
+from setups import program
 from store_support import MISMATCH, NOT_OPENPGP
 from velkdevice import package
 from velkdevice.device import Device
@@ -261,6 +262,20 @@ def test_a_full_disk_for_the_temporary_files_is_reported(device: Device) -> None
         "code 10: src/store/package-trailer.cpp:N: Failed writing 4096B to file: /tmp/velkctl_"
     ), log
     assert log.endswith(".vlp: No space left on device\n"), log
+
+
+def test_temporary_files_that_cannot_be_deleted_are_a_warning(device: Device) -> None:
+    path = support.put(device, good())
+    script = '"$REAL" "$@" || exit\nshift $(($# - 2))\nmount --bind "$1" "$1"; mount --bind "$2" "$2"\n'
+    with program(device, "gpgv", script) as env:
+        # What is mounted is in use, and is not any more when the namespace has gone.
+        result = device.run(["unshare", "--mount", "velkctl", "verify-signature", path], env=env)
+    left = support.temporaries(device)
+    device.sh("rm /tmp/velkctl_*").check()
+    status, log = support.outcome(result)
+    told = [f"Failed to unlink file: /tmp/{name}: Device or resource busy" for name in left]
+    assert [name.rpartition(".")[2] for name in sorted(left, key=lambda name: name[-4:])] == ["sig", "vlp"]
+    assert (status, sorted(log.splitlines())) == (0, sorted([*told, SUCCESS[1].strip()]))
 
 
 # --- unsigned packages and the setting ---

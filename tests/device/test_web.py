@@ -6,8 +6,9 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+import stepper
 from apps import app, without_place
-from setups import STORE, Put, codes, configured, fetch, set_up, velkctl, workshop
+from setups import STORE, Put, codes, configured, fetch, set_up, store_app, velkctl, workshop
 from velkdevice import package
 from velkdevice.device import Device
 
@@ -182,6 +183,22 @@ def test_a_link_in_the_pages_does_not_lead_out(workshop: Device, put_package: Pu
     assert velkctl(workshop, "setup", "Sample") == (
         1, f"code 1: Path {STORE}/Sample/html/out/x.cgi is outside of application directory {STORE}/Sample\n")  # fmt: skip
     assert workshop.sh("stat -c '%a %U:%G' /etc/velk /etc/hostname; ls /etc/velk").stdout == before
+
+
+def test_a_page_that_goes_while_rules_are_made_has_none_and_is_told(workshop: Device, put_package: Put) -> None:
+    """Held at the first page, when the names of all of them have been read."""
+    pages = ("a.html", "b.html", "index.html")
+    store_app(workshop, put_package, site("viewer", **{f"html/{name}": name for name in pages}))
+    html = f"{STORE}/Sample/html"
+    with stepper.hold(workshop, ["velkctl", "setup", "Sample"], when=f"{html}/LICENSE") as held:
+        workshop.sh(f"cd {html} && rm *.html").check()
+        result = held.let_go()
+    told = without_place(result.stderr).splitlines()
+    known = [name for name in pages if f'"{name}"' in workshop.read(RULES)]
+    assert len(known) == 1  # the one that it had in its hands
+    gone = "Failed to add Apache permission configs for file {}/{}, file does not exist"
+    assert (result.status, sorted(told)) == (0, sorted([
+        *(gone.format(html, name) for name in pages if name not in known), "Successfully set up application Sample"]))
 
 
 # What each resource of the example asks for. The license is a link, which has no rule of its own: it is for every login.

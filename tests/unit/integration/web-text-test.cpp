@@ -39,3 +39,11 @@ TEST(WebText, WritesANameThatLooksLikeAPatternAsOneThatOnlyItFits) {
               "<Directory \"/a\">\n  <Files \"[*]\">\n    SetHandler \"proxy:unix:/s|fcgi://localhost/\"\n"
               "  </Files>\n</Directory>\n<Proxy \"fcgi://localhost/\" flushpackets=auto>\n</Proxy>\n");
 }
+
+TEST(WebText, WritesTheMarkOfARegularExpressionAsAName) {
+    EXPECT_EQ(access_rules_text({{"/a", {{"~", "viewer"}, {"~a", "admin"}}}}),
+              "<Directory \"/a\">\n"
+              "  <Files \"[~]\">\n    Require orvo-group viewer\n  </Files>\n"
+              "  <Files \"~a\">\n    Require orvo-group admin\n  </Files>\n"
+              "</Directory>\n\n");
+}

@@ -226,6 +226,19 @@ TEST_F(PackageTest, SignatureThatTheFileNoLongerHoldsIsRefused) {
     EXPECT_EQ(test::describe(error), "2 Failed seeking 116B from EOF: Invalid argument");
 }
 
+TEST_F(PackageTest, SignatureThatCannotBeReadIsRefusedAndItsFileTold) {
+    test::write_text(directory_ / "out", "data" + std::string(5000, 's') + trailer_of(5000));
+    const FilePtr write_only(std::fopen((directory_ / "out").c_str(), "ab"));
+    ErrorSlot error;
+    std::string made;
+    EXPECT_FALSE(copy_package_signature(write_only.get(), {5000, 1, PACKAGE_MAGIC},
+                                        directory_ / "v_XXXXXX.sig", &made, error));
+    EXPECT_EQ(test::describe(error), "2 Failed reading 5000B for signature: Bad file descriptor");
+    // It is for the caller to hand out or to delete.
+    EXPECT_EQ(test::read_text(made), "");
+    EXPECT_EQ(tree(), (std::vector<std::string>{"out", made.substr(directory_.path().size() + 1)}));
+}
+
 TEST_F(PackageTest, DataPartIsLimitedToTwoGibibytes) {
     const std::string template_ = directory_ / "v_XXXXXX.vlp";
     const std::string too_large = "2 Can not read past beginning of file, signature size is too large";

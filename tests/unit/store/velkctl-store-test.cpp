@@ -85,6 +85,14 @@ TEST(CollectPaths, ListsDirectoriesInByteOrder) {
                                         directory / "b"}));
 }
 
+TEST(CollectPaths, OfADirectoryWithoutANameIsAnError) {
+    ErrorSlot error;
+    const auto everything = [](const std::string&) { return true; };
+    EXPECT_EQ(collect_paths("", std::nullopt, everything, error), std::vector<std::string>{});
+    EXPECT_EQ(test::describe(error),
+              "10 src/store/velkctl-store.cpp:N: Failed to open store path : No such file or directory");
+}
+
 TEST(CollectPaths, TakesLinksToDirectoriesForDirectories) {
     const test::TemporaryDirectory store;
     const test::TemporaryDirectory card;

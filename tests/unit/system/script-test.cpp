@@ -2,16 +2,25 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <iterator>
+#include <utility>
 
 #include "support.h"
 
@@ -188,6 +197,37 @@ TEST_F(Script, IsNotRunWhenTheProcessMayNotChangeItsUser) {
     EXPECT_FALSE(test::name_exists(directory / "data/witness"));
 }
 
+/** From here on the kernel refuses this system call to the process and all that it starts. */
+static bool forbid(uint32_t system_call) {
+    sock_filter steps[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, system_call, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{std::size(steps), steps};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(Script, IsNotRunWithAnyIdOfRootLeft) {
+    write_script("touch data/witness");
+    const std::pair<uint32_t, std::string> steps[] = {{SYS_setresgid, "group"}, {SYS_setresuid, "user"}};
+    for (const auto& [system_call, id] : steps) {
+        const test::LogCapture lines;
+        const test::ChildResult result = test::run_child([this, number = system_call] {
+            if (!forbid(number))
+                _exit(2);
+            run();
+            std::fprintf(stdout, "%s", describe(error).c_str());
+        });
+        EXPECT_EQ(result.exit_status, 0);
+        EXPECT_EQ(result.output, runner_error("Failed running script"));
+        EXPECT_EQ(lines.text(), "Failed to set " + id + " id: Operation not permitted\n");
+        EXPECT_FALSE(test::name_exists(directory / "data/witness"));
+    }
+}
+
 TEST_F(Script, ReturningNonZeroIsOnlyAWarningUnlessItMustNot) {
     for (const int code : {1, 2, 77, 78, 255}) {
         const test::LogCapture lines;
@@ -285,6 +325,15 @@ TEST_F(Script, IsNotKilledBeforeItsTime) {
     options.timeout_s = 2;
     write_script("sleep 1");
     EXPECT_TRUE(run(options)) << error.message();
+}
+
+TEST(ScriptTime, IsOverAMillisecondBehindTheTimeOutAndNotAtIt) {
+    for (const int32_t timeout_s : {0, 1, 60, INT32_MAX}) {
+        const int64_t time_ms = int64_t{timeout_s} * 1000;
+        EXPECT_FALSE(is_over_time(time_ms - 1, timeout_s));
+        EXPECT_FALSE(is_over_time(time_ms, timeout_s));
+        EXPECT_TRUE(is_over_time(time_ms + 1, timeout_s));
+    }
 }
 
 TEST_F(Script, WithoutAnyTimeIsKilledAtTheFirstLookAfterIt) {
