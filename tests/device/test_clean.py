@@ -111,6 +111,20 @@ def test_an_application_that_came_on_a_card_stays(
     pristine.sh(f"rm /tmp/packages/App.vlp && rmdir /tmp/packages && chattr -i {CARD}/App/lower/* && rm -r {CARD}/App")
 
 
+def test_an_application_that_the_dead_command_put_on_a_card_goes(
+    pristine: Device, card: Callable[..., None], run_import: Import
+) -> None:
+    """It died before it made the store's link, which it makes last."""
+    leave_lock(pristine, "App")
+    pristine.sh('mv "$1" /tmp/lock', LOCK).check()
+    card()
+    assert run_import(simple_package(), "sd_card1")[0] == 0
+    pristine.sh(f'rm {STORE}/App /tmp/packages/App.vlp && rmdir /tmp/packages && mv /tmp/lock "$1"', LOCK).check()
+    assert clean(pristine)[0] == 10  # it has no user yet that could be removed
+    assert not pristine.exists(f"{CARD}/App") and not pristine.exists(f"{STATES}/App")
+    assert stored(pristine) == [] and not is_locked(pristine)
+
+
 def test_an_application_on_a_card_that_is_out_is_still_known(
     pristine: Device, card: Callable[..., None], run_import: Import
 ) -> None:
