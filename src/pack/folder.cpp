@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <tuple>
 
+#include "integration/cfgtree.h"
+#include "integration/users.h"
+#include "manifest/allowlist.h"
 #include "manifest/manifest-rules.h"
 #include "manifest/manifest.h"
 #include "manifest/names.h"
@@ -63,6 +66,11 @@ class Check {
             add(fault.code(), kManifest, key, fault.message());
     }
 
+    void require_listed(bool is_group, const std::string& name, const std::string& key) {
+        if (!validate_entry(is_group, {}, name.c_str()))
+            add(VELKCTL_ERROR_NOT_ALLOWLISTED, kManifest, key, "'" + name + "' is not in Allowlist");
+    }
+
     [[nodiscard]] const FolderEntry* find(const std::string& name) const {
         const auto found = std::find_if(folder_.entries.begin(), folder_.entries.end(),
                                         [&name](const FolderEntry& entry) { return entry.name == name; });
@@ -81,7 +89,9 @@ class Check {
 
     JsonPtr load_manifest();
     void check_values(const json_t* manifest);
+    void check_requests(const json_t* manifest);
     void check_promises(const json_t* manifest);
+    void check_squash_images(const json_t* manifest);
     void check_entry(const FolderEntry& entry);
     [[nodiscard]] std::vector<Finding> take() { return std::move(findings_); }
 
@@ -119,8 +129,35 @@ void Check::check_values(const json_t* manifest) {
     });
 }
 
+/** What a device gives to no application; it may take more names off its lists. */
+void Check::check_requests(const json_t* manifest) {
+    require("velkPackageConf.configuration.paramConfig",
+            [manifest](VelkctlError** error) { return read_parameters(manifest, error).has_value(); });
+    require("resources.dbus",
+            [manifest](VelkctlError** error) { return requested_methods(manifest, error).has_value(); });
+    const auto groups = manifest_strings(manifest, nullptr, {"resources", "linux", "user", "groups"});
+    for (const std::string& group : groups.value_or(std::vector<std::string>()))
+        require_listed(true, group, "resources.linux.user.groups");
+    for (const char* key : {"username", "group"})
+        if (const auto name = manifest_string(manifest, nullptr, {"velkPackageConf", "setup", "user", key}))
+            require_listed(std::string_view(key) == "group", *name,
+                           std::string("velkPackageConf.setup.user.") + key);
+}
+
+void Check::check_squash_images(const json_t* manifest) {
+    const json_t* mounts =
+        manifest_object(manifest, nullptr, {"velkPackageConf", "configuration", "squashfsMounts"});
+    for (size_t i = 0; i < json_array_size(mounts); i++) {
+        const char* image = json_string_value(json_object_get(json_array_get(mounts, i), "path"));
+        if (!image || !holds_file(name_of(image)))
+            add(VELKCTL_ERROR_INVALID_MANIFEST, kManifest, "velkPackageConf.configuration.squashfsMounts",
+                "names '" + std::string(image ? image : "") + "', which is no file in the folder");
+    }
+}
+
 /** What the manifest says about files must be so. */
 void Check::check_promises(const json_t* manifest) {
+    check_squash_images(manifest);
     const std::pair<const char*, const char*> scripts[] = {{"installation", "postInstallScript"},
                                                            {"uninstallation", "preUninstallScript"}};
     for (const auto& [section, key] : scripts) {
@@ -150,6 +187,7 @@ std::vector<Finding> check_folder(const Folder& folder, JsonPtr* manifest) {
     Check check(folder);
     if (JsonPtr loaded = check.load_manifest()) {
         check.check_values(loaded.get());
+        check.check_requests(loaded.get());
         check.check_promises(loaded.get());
         *manifest = std::move(loaded);
     }

@@ -52,7 +52,7 @@ def test_rooms_in_order_pass(check):
         ("src/manifest/manifest.h", "store/store.h", "manifest"),
         ("src/store/store.h", "integration/units.h", "store"),
         ("src/integration/units.h", "lifecycle/install.h", "integration"),
-        ("src/pack/sign.h", "integration/units.h", "pack"),
+        ("src/pack/sign.h", "lifecycle/install.h", "pack"),
         ("src/lifecycle/install.h", "pack/sign.h", "lifecycle"),
     ],
 )

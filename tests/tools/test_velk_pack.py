@@ -274,6 +274,33 @@ def test_what_the_manifest_promises_about_files_is_checked(here: Path, app: Path
     )
 
 
+def test_what_no_device_gives_is_refused(here: Path, app: Path) -> None:
+    asking = manifest_of(user={"username": "root", "group": "wheel"})
+    asking["velkPackageConf"]["configuration"] = {
+        "paramConfig": [{"name": "a b"}],
+        "squashfsMounts": [{"path": "image.squashfs", "mountpoint": "image"}, {}],
+    }
+    asking["resources"] = {
+        "dbus": {"requiredMethods": ["*"]},
+        "linux": {"user": {"groups": ["video", "shadow"]}},
+    }
+    (app / "manifest.json").write_text(json.dumps(asking))
+    answer = pack("build", app)
+    at = f"velk-pack: {app}/manifest.json: "
+    images = f"{at}velkPackageConf.configuration.squashfsMounts: names"
+    lines = answer.stderr.splitlines()
+    assert lines[-6:] == [
+        f'{at}resources.dbus: Manifest contains the disallowed dbus method "*"',
+        f"{at}resources.linux.user.groups: 'shadow' is not in Allowlist",
+        f"{at}velkPackageConf.setup.user.username: 'root' is not in Allowlist",
+        f"{at}velkPackageConf.setup.user.group: 'wheel' is not in Allowlist",
+        f"{images} 'image.squashfs', which is no file in the folder",
+        f"{images} '', which is no file in the folder",
+    ]
+    assert [line for line in lines if "paramConfig: " in line], lines
+    assert (answer.stdout, names(here)) == ("", [])
+
+
 @pytest.mark.parametrize(
     ("script", "is_there"), [("sub/x.sh", True), ("./sub/../sub//x.sh", True), ("../sub/x.sh", False), ("sub", False)]
 )
