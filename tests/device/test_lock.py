@@ -9,6 +9,7 @@ import subprocess
 from collections.abc import Iterator
 
 import pytest
+import stepper
 import store_support as support
 from apps import built, without_gpgv
 from store_support import LOCK, STORE, Import
@@ -150,6 +151,16 @@ def test_a_lock_that_is_taken_twice_keeps_its_first_name_and_goes_with_the_secon
     device.sh("rm /tmp/direct-calls").check()
     assert (result.status, result.stdout, result.stderr) == (0, "First\nFirst\nFirst\n(none)\n", "")
     assert device.sh(f"ls -A {STORE}/_lock").stdout == ""
+
+
+def test_a_command_of_several_holds_the_lock_until_its_work_is_done(device: Device) -> None:
+    path = support.put(device, support.simple_package())
+    for command in (["install", path], ["uninstall", "App"]):
+        steps = stepper.run(device, ["/usr/bin/velkctl", *command])
+        assert steps.end == "exited 0", steps.result
+        changes = [point for point in steps.points if point.path.startswith((STORE, "/etc/"))]
+        given_back = [point for point in changes if point.call == "unlink" and point.path == LOCK]
+        assert given_back == changes[-1:], [str(point) for point in changes]
 
 
 def test_a_lock_that_cannot_be_linked_leaves_no_temporary(device: Device) -> None:
