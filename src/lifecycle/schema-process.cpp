@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include "base/handles.h"
 #include "base/paths.h"
 #include "base/velkctl-error.h"
+#include "base/write-all.h"
 #include "lifecycle/iri.h"
 
 namespace {
@@ -109,25 +109,12 @@ void apply_limits(const ValidationLimits& limits) {
 #endif
 }
 
-bool write_all(int fd, const char* data, size_t length) {
-    while (length > 0) {
-        const ssize_t written = write(fd, data, length);
-        if (written < 0 && errno != EINTR)
-            return false;
-        const size_t step = static_cast<size_t>(std::max<ssize_t>(written, 0));
-        data += step;
-        length -= step;
-    }
-    return true;
-}
-
 [[noreturn]] void run_child(int fd, const std::string& input, const std::string& schema,
                             const ValidationLimits& limits) {
     apply_limits(limits);
     const Answer answer = validate(input, schema, limits.nesting);
     const char result = static_cast<char>(answer.result);
-    const bool written =
-        write_all(fd, &result, 1) && write_all(fd, answer.message.data(), answer.message.size());
+    const bool written = write_all(fd, {&result, 1}) && write_all(fd, answer.message);
     _exit(written ? 0 : 1);
 }
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 
 #include "base/paths.h"
-#include "pack/output-file.h"
+#include "base/write-all.h"
 #include "pack/pack-error.h"
 
 static constexpr int kPipeSize = 1 << 20;

@@ -6,7 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "pack/output-file.h"
+#include "base/handles.h"
+#include "base/write-all.h"
 #include "pack/pack-error.h"
 #include "system/file.h"
 #include "system/tree.h"

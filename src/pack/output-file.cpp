@@ -4,26 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
 #include "base/paths.h"
+#include "base/write-all.h"
 #include "pack/pack-error.h"
 #include "system/file.h"
 
 static constexpr mode_t kMode = 0644;
-
-bool write_all(int fd, std::string_view data) {
-    while (!data.empty()) {
-        const ssize_t written = ::write(fd, data.data(), data.size());
-        if (written < 0 && errno != EINTR)
-            return false;
-        if (written > 0)
-            data.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
-}
 
 OutputFile::~OutputFile() {
     if (!temporary_.empty())

@@ -31,6 +31,3 @@ class OutputFile {
     std::string temporary_;  ///< empty as long as it has no name at all
     UniqueFd fd_;
 };
-
-/** Write all of the data to a descriptor; false, with errno, when it cannot be. */
-[[nodiscard]] bool write_all(int fd, std::string_view data);

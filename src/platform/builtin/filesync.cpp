@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/handles.h"
+#include "base/write-all.h"
 
 static bool fail(GError** error, const char* operation, const std::string& path) {
     const int number = errno;
@@ -18,22 +19,9 @@ static bool fail(GError** error, const char* operation, const std::string& path)
     return false;
 }
 
-static bool write_all(int fd, const char* contents, size_t length) {
-    while (length > 0) {
-        const ssize_t written = write(fd, contents, length);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            return false;
-        contents += written;
-        length -= static_cast<size_t>(written);
-    }
-    return true;
-}
-
 static bool fill(int fd, const std::string& path, const char* contents, size_t length, FilesyncMode sync,
                  int mode, GError** error) {
-    if (!write_all(fd, contents, length))
+    if (!write_all(fd, {contents, length}))
         return fail(error, "write", path);
     if (fchmod(fd, static_cast<mode_t>(mode)) != 0)
         return fail(error, "chmod", path);
