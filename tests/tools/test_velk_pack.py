@@ -368,8 +368,10 @@ def test_a_file_that_cannot_be_read_is_named_and_nothing_is_left(here: Path, app
         if folder.is_relative_to("/tmp") and folder != Path("/tmp"):
             folder.chmod(0o755)
     here.chmod(0o777)
+    within_reach = shutil.copy(BINARY, here.parent / "velk-pack")  # the checkout may be in root's home
+    somebody_else: dict[str, Any] = {"user": 65534, "group": 65534, "extra_groups": []}
     not_counted = {**os.environ, "LLVM_PROFILE_FILE": "/dev/null"}  # nor could it be
-    answer = pack("build", app, user=65534, group=65534, extra_groups=[], env=not_counted)
+    answer = pack("build", app, executable=within_reach, env=not_counted, **somebody_else)
     assert answer.status == 10
     assert answer.stderr.endswith("/App/secret: cannot be read: Permission denied\n")
     assert names(here) == []
