@@ -18,26 +18,6 @@
 
 namespace {
 
-/** Back to the working directory it was made in, on every path. */
-class WorkingDirectory {
-  public:
-    [[nodiscard]] bool enter(const std::string& directory, VelkctlError** error) {
-        before_ = current_dir(error);
-        return !before_.empty() && change_dir(directory, error);
-    }
-    WorkingDirectory() = default;
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-    ~WorkingDirectory() {
-        ErrorSlot ignored;
-        if (!before_.empty())
-            (void)change_dir(before_, ignored);
-    }
-
-  private:
-    std::string before_;
-};
-
 /** What is restored, for whom. The saved files are found in the working directory, by their names. */
 struct Restoration {
     std::string app;
@@ -155,7 +135,7 @@ int velkctl_restore(const std::string& app, VelkctlError** error) {
         return -1;
     std::optional<AppOwner> owner = application_owner(app.c_str(), error);
     WorkingDirectory working_directory;
-    if (!owner || !working_directory.enter(backup_path(app), error))
+    if (!owner || !working_directory.remember(error) || !working_directory.enter(backup_path(app), error))
         return -1;
     const Restoration restoration{app, paths::store_root_path(app), std::move(*owner)};
     const bool restored = merge_settings(restoration, error) && merge_parameters(restoration, error) &&
