@@ -26,6 +26,13 @@ bool fail(VelkctlError** error, const char* operation, const std::string& path, 
     return false;
 }
 
+std::string with_known_paths(std::string text, std::initializer_list<KnownPath> paths) {
+    for (const KnownPath& path : paths)
+        for (size_t at = 0; (at = text.find(path.access, at)) != std::string::npos; at += path.known.size())
+            text.replace(at, path.access.size(), path.known);
+    return text;
+}
+
 UniqueFd open_inside(const AreaDirectory& directory, const std::string& relative, uint64_t flags,
                      uint64_t resolve) {
     open_how how{};
@@ -85,8 +92,10 @@ bool write_area_file(const AreaDirectory& directory, const std::string& name, co
     if (filesync_set_file_contents_with_sync_mode(directory.access_path(name).c_str(), text.data(),
                                                   text.size(), FILESYNC_FULL, 0644, reason.out()))
         return true;
+    const std::string known =
+        with_known_paths(reason.message(), {{directory.access_path(""), directory.path_of("")}});
     SET_GENERAL_ERROR(error, "Failed writing to file: %s: %s", directory.path_of(name).c_str(),
-                      reason.message());
+                      known.c_str());
     return false;
 }
 
@@ -218,12 +227,7 @@ bool create_area_file(const AreaDirectory& directory, const std::string& relativ
 }
 
 void move_with_known_paths(ErrorSlot& failure, std::initializer_list<KnownPath> paths, VelkctlError** error) {
-    std::string message = failure.message();
-    for (const KnownPath& path : paths)
-        for (size_t at = 0; (at = message.find(path.access, at)) != std::string::npos;
-             at += path.known.size())
-            message.replace(at, path.access.size(), path.known);
-    velkctl_error_set(error, failure.code(), "%s", message.c_str());
+    velkctl_error_set(error, failure.code(), "%s", with_known_paths(failure.message(), paths).c_str());
 }
 
 bool make_area_link_if_absent(const AreaDirectory& directory, const std::string& target,

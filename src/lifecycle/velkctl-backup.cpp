@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/paths.h"
+#include "integration/area.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
 #include "system/file.h"
@@ -22,15 +23,37 @@ static std::string source_directory(const std::string& app, const StoreLocation*
     return unmounted ? location_link_target(app, location) : paths::store_root_path(app);
 }
 
+/** Copy the two configuration files, those that are there. */
+static bool copy_configuration(const AreaDirectory& conf, const std::string& app, const std::string& target,
+                               VelkctlError** error) {
+    for (const std::string& name : {app + ".conf", "param_" + app + ".conf"}) {
+        ErrorSlot failure;
+        if (copy_path_if_present(conf.access_path(name), target + "/" + name, failure))
+            continue;
+        move_with_known_paths(failure, {{conf.access_path(""), conf.path_of("")}}, error);
+        return false;
+    }
+    return true;
+}
+
 static bool copy_into(const std::string& source, const std::string& app, const std::string& target,
                       VelkctlError** error) {
-    for (const std::string& name : {app + ".conf", "param_" + app + ".conf"})
-        if (!copy_path_if_present(source + "/conf/" + name, target + "/" + name, error))
+    if (!is_directory(source))
+        return true;
+    const std::optional<AreaDirectory> application = open_area(source, error);
+    if (!application)
+        return false;
+    // A link is not left out but refused: a new version would otherwise begin without the settings.
+    const mode_t kind = area_entry_kind(*application, "conf");
+    if (kind == S_IFDIR || kind == S_IFLNK) {
+        const std::optional<AreaDirectory> conf = open_area_directory(*application, "conf", error);
+        if (!conf || !copy_configuration(*conf, app, target, error))
             return false;
+    }
     // A link could lead anywhere, and what it leads to is not the application's data.
-    const std::string data = source + "/localdata";
+    const std::string data = application->path_of("localdata");
     return remove_if_symlink(data, error) &&
-           (!is_directory(data) || copy_path(data, target + "/localdata", error));
+           (!is_directory_no_follow(data) || copy_path(data, target + "/localdata", error));
 }
 
 static bool put_in_place(const std::string& complete, const std::string& backup, VelkctlError** error) {
