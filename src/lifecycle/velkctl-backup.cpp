@@ -56,17 +56,32 @@ static bool copy_into(const std::string& source, const std::string& app, const s
            (!is_directory_no_follow(data) || copy_path(data, target + "/localdata", error));
 }
 
+static bool rename_or_fail(const std::string& from, const std::string& to, VelkctlError** error) {
+    if (std::rename(from.c_str(), to.c_str()) == 0)
+        return true;
+    SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", from.c_str(), to.c_str(),
+                      system_error_text().c_str());
+    return false;
+}
+
+/** Where a backup waits for its deletion. */
+static std::string doomed_path(const std::string& backup) { return backup + ".remove"; }
+
 static bool put_in_place(const std::string& complete, const std::string& backup, VelkctlError** error) {
-    if (!remove_recursive(backup, error))
+    const std::string doomed = doomed_path(backup);
+    if (!remove_recursive(doomed, error))
         return false;
     sync();
-    if (std::rename(complete.c_str(), backup.c_str()) != 0) {
-        SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", complete.c_str(), backup.c_str(),
-                          system_error_text().c_str());
+    // The old one goes as a whole first: a deletion that is cut short must not leave half of it under the
+    // name.
+    const bool replaces = is_directory(backup);
+    if ((replaces && !rename_or_fail(backup, doomed, error)) || !rename_or_fail(complete, backup, error)) {
+        if (replaces)
+            (void)std::rename(doomed.c_str(), backup.c_str());
         return false;
     }
     sync();
-    return true;
+    return remove_recursive(doomed, error);
 }
 
 bool back_up_application(const std::string& app, VelkctlError** error) {
@@ -91,7 +106,7 @@ int remove_backup(const std::string& app, VelkctlError** error) {
     if (!backup_exists(app))
         return 0;
     const std::string backup = backup_path(app);
-    const std::string doomed = backup + ".remove";
+    const std::string doomed = doomed_path(backup);
     if (!remove_recursive(doomed, error))
         return -1;
     if (std::rename(backup.c_str(), doomed.c_str()) != 0) {

@@ -6,6 +6,7 @@ import re
 from collections.abc import Iterator
 
 import pytest
+import stepper
 from apps import LOCK, app, is_locked, without_place
 from setups import STORE, Put, program, section
 from store_support import LAYERS
@@ -207,7 +208,7 @@ def test_a_parameter_file_that_was_not_saved_is_given_to_the_user(saved: Device)
 
 def test_a_backup_replaces_the_one_before_and_what_a_dead_one_left(saved: Device) -> None:
     saved.sh(f"""
-        cd {BACKUPS}; touch Sample/old Sample/localdata/old; mkdir -p Sample.tmp/old
+        cd {BACKUPS}; touch Sample/old Sample/localdata/old; mkdir -p Sample.tmp/old Sample.remove/old
         cd {SAMPLE}/localdata; rm -r deep; echo three >note
     """).check()  # fmt: skip
     assert velkctl(saved, "backup", "Sample") == BACKED_UP
@@ -465,6 +466,20 @@ def test_an_owner_that_cannot_be_set_leaves_the_data(saved: Device) -> None:
     assert changes(before, look(saved)) == {}
 
 
+@pytest.mark.parametrize("older", [False, True])
+def test_a_rename_that_fails_leaves_the_backup_before_or_none(sample: Device, older: bool) -> None:
+    if older:
+        velkctl(sample, "backup", "Sample")
+    before = look(sample, SAVED)
+    sample.sh(f"echo new >{SAMPLE}/localdata/note").check()
+    with program(sample, "cp", f'chattr +i {BACKUPS}\nexec "$REAL" "$@"\n') as env:
+        outcome = velkctl(sample, "backup", "Sample", env=env)
+    sample.sh(f"chattr -i {BACKUPS}").check()
+    way = f"{SAVED} to {SAVED}.remove" if older else f"{SAVED}.tmp to {SAVED}"
+    assert outcome == failure(f"src/lifecycle/velkctl-backup.cpp: Failed renaming {way}: Operation not permitted")
+    assert look(sample, SAVED) == before
+
+
 def test_a_restore_comes_back_to_a_working_directory_that_is_gone(saved: Device) -> None:
     saved.sh(f"echo new >{SAMPLE}/localdata/note").check()
     result = saved.sh("mkdir /tmp/gone && cd /tmp/gone && rmdir /tmp/gone && exec velkctl restore Sample")
@@ -521,3 +536,26 @@ def test_settings_that_do_not_fit_leave_the_ones_that_are_there(saved: Device) -
         f"code 10: src/integration/area.cpp: Failed writing to file: {SAMPLE}/conf/Sample.conf.tmp: "
         f"write {SAMPLE}/conf/.filesync-??????: No space left on device", "status 10")  # fmt: skip
     assert dict(line.split("\t", 1) for line in found[2:]) == before
+
+
+# --- interrupted ---
+
+
+def test_wherever_a_backup_dies_there_is_the_one_before_or_none_or_the_new_one(sample: Device) -> None:
+    old = WHOLE
+    new = {name: facts.replace("one|", "new|") for name, facts in WHOLE.items()}
+    velkctl(sample, "backup", "Sample")
+    sample.sh(f"echo new >{SAMPLE}/localdata/note; cp -a {SAVED} {KEPT}/old").check()
+    steps = stepper.run(sample, ["/usr/bin/velkctl", "backup", "Sample"])
+    assert (steps.end, look(sample, SAVED)) == ("exited 0", new)
+    # Before its copies are complete it does not touch the name.
+    first = next(point.number for point in steps.points if f"{SAVED}.remove" in point.path or point.path == SAVED)
+    seen = []
+    for number in range(first - 2, len(steps.points) + 1):
+        sample.sh(f"rm -rf {LOCK} {BACKUPS}/*; cp -a {KEPT}/old {SAVED}").check()
+        assert stepper.run(sample, ["/usr/bin/velkctl", "backup", "Sample"], kill=number).end == "killed"
+        found = look(sample, SAVED)
+        assert found in (old, {}, new), steps.points[number - 1]
+        seen.append("old" if found == old else "new" if found else "none")
+    assert [name for place, name in enumerate(seen) if place == 0 or seen[place - 1] != name] == ["old", "none", "new"]
+    sample.sh(f"rm -r {KEPT}/old").check()

@@ -104,7 +104,7 @@ JOBS = {
                   "the lock names the application, so clean takes it away before its data is saved", repeats=(0, 4)),
     "backup with an older one": Job(f"{INSTALLED} && note old && velkctl backup App && note kept",
                                     [VELKCTL, "backup", "App"], ("kept", "old"),
-                                    "the older one is deleted before the new one takes its place"),
+                                    "between two renames neither the older one nor the new one has its name"),
     # What is in the application is to be replaced; what was saved is what counts.
     "restore": Job(f"{INSTALLED} && note kept && velkctl backup App && note newer", [VELKCTL, "restore", "App"],
                    ("kept",), repeats=(0, 10)),  # an installation in between has brought it back already
