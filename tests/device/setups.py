@@ -2,12 +2,15 @@
 
 from __future__ import annotations
 
+import os
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from pathlib import Path
 from typing import Any
 
 import pytest
 from apps import LOCK, app, without_place
+from conftest import CHECKOUT
 from velkdevice import snapshot
 from velkdevice.device import Device, Result
 
@@ -31,6 +34,12 @@ def velkctl(device: Device, *arguments: str, **options: Any) -> tuple[int, str]:
     result = device.velkctl(*arguments, **options)
     assert result.stdout == ""
     return result.status, without_place(result.stderr)
+
+
+def built(program: str) -> Path:
+    """A program of the tests' own, from the build that velkctl is from."""
+    velkctl = os.environ.get("VELKCTL_BINARY") or CHECKOUT / "build" / "debug" / "src" / "velkctl"
+    return Path(velkctl).parents[1] / "tests" / program
 
 
 def store_app(device: Device, put_package: Put, files: dict[str, Any], location: str = "internal") -> None:

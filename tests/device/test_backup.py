@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Iterator
+from typing import Any
 
 import pytest
 import stepper
@@ -50,7 +51,7 @@ def below(path: str, entries: dict[str, str]) -> dict[str, str]:
     return {f"{path}/{name}" if name else path: facts for name, facts in entries.items()}
 
 
-def velkctl(device: Device, *arguments: str, **options: object) -> tuple[int, str, str]:
+def velkctl(device: Device, *arguments: str, **options: Any) -> tuple[int, str, str]:
     """Status and output of a command, which has given its lock back."""
     result = device.velkctl(*arguments, **options)
     assert not is_locked(device)

@@ -3,15 +3,12 @@
 from __future__ import annotations
 
 import json
-import os
 from collections.abc import Callable, Iterator
-from pathlib import Path
 from typing import Any
 
 import pytest
 from apps import app, without_place
-from conftest import CHECKOUT
-from setups import STORE, Put, failing, section, set_up, store_app
+from setups import STORE, Put, built, failing, section, set_up, store_app
 from velkdevice.device import Device
 
 PROGRAM = "/tmp/ssh/developer-ssh"
@@ -19,16 +16,10 @@ STATIC = {"user": {"username": "sdk", "group": "sdk"}}
 Ssh = Callable[..., tuple[int, str]]
 
 
-def built() -> Path:
-    """The program of the build that velkctl is from."""
-    velkctl = os.environ.get("VELKCTL_BINARY") or CHECKOUT / "build" / "debug" / "src" / "velkctl"
-    return Path(velkctl).parents[1] / "tests" / "developer-ssh"
-
-
 @pytest.fixture
 def ssh(pristine: Device) -> Iterator[Ssh]:
     """Runs one of the operations: exit status and log. The applications go afterwards."""
-    pristine.copy_in(built(), PROGRAM)
+    pristine.copy_in(built("developer-ssh"), PROGRAM)
 
     def run(*arguments: str) -> tuple[int, str]:
         result = pristine.run([PROGRAM, *arguments])
