@@ -7,18 +7,30 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "base/paths.h"
 #include "platform/libfilesync.h"
 #include "system/file.h"
+#include "system/tree.h"
 
 namespace {
 
-std::string descriptor_path(int fd) { return std::string(paths::kOwnDescriptors) + "/" + std::to_string(fd); }
+// Not by way of "self", which is another process to the programs that are told of the path.
+std::string descriptor_path(int fd) {
+    return std::string(paths::kProcesses) + "/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd);
+}
 
 bool fail(VelkctlError** error, const char* operation, const std::string& path, int number) {
     SET_GENERAL_ERROR(error, "%s %s: %s", operation, path.c_str(), system_error_text(number).c_str());
     return false;
+}
+
+std::string with_known_paths(std::string text, std::initializer_list<KnownPath> paths) {
+    for (const KnownPath& path : paths)
+        for (size_t at = 0; (at = text.find(path.access, at)) != std::string::npos; at += path.known.size())
+            text.replace(at, path.access.size(), path.known);
+    return text;
 }
 
 UniqueFd open_inside(const AreaDirectory& directory, const std::string& relative, uint64_t flags,
@@ -30,13 +42,13 @@ UniqueFd open_inside(const AreaDirectory& directory, const std::string& relative
         static_cast<int>(syscall(SYS_openat2, directory.fd(), relative.c_str(), &how, sizeof how)));
 }
 
-bool is_link(const AreaDirectory& directory, const std::string& name) {
-    struct stat status {};
-    return fstatat(directory.fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISLNK(status.st_mode);
-}
-
 }  // namespace
+
+mode_t area_entry_kind(const AreaDirectory& directory, const std::string& name) {
+    struct stat status {};
+    return fstatat(directory.fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_mode & S_IFMT
+                                                                                    : 0;
+}
 
 std::string AreaDirectory::access_path(const std::string& name) const {
     return descriptor_path(fd()) + "/" + name;
@@ -62,7 +74,7 @@ std::optional<AreaDirectory> open_area_directory(const AreaDirectory& parent, co
 std::optional<AreaDirectory> make_area_directory(const AreaDirectory& parent, const std::string& name,
                                                  VelkctlError** error) {
     const std::string path = parent.path_of(name);
-    if (is_link(parent, name)) {
+    if (area_entry_kind(parent, name) == S_IFLNK) {
         velkctl_error_set(error, VELKCTL_ERROR_INVALID_PACKAGE,
                           "Attempt to use reserved directory '%s' as a symlink", path.c_str());
         return std::nullopt;
@@ -80,8 +92,10 @@ bool write_area_file(const AreaDirectory& directory, const std::string& name, co
     if (filesync_set_file_contents_with_sync_mode(directory.access_path(name).c_str(), text.data(),
                                                   text.size(), FILESYNC_FULL, 0644, reason.out()))
         return true;
+    const std::string known =
+        with_known_paths(reason.message(), {{directory.access_path(""), directory.path_of("")}});
     SET_GENERAL_ERROR(error, "Failed writing to file: %s: %s", directory.path_of(name).c_str(),
-                      reason.message());
+                      known.c_str());
     return false;
 }
 
@@ -89,6 +103,34 @@ bool remove_area_file(const AreaDirectory& directory, const std::string& name, V
     if (unlinkat(directory.fd(), name.c_str(), 0) == 0 || errno == ENOENT)
         return true;
     return fail(error, "Failed removing", directory.path_of(name), errno);
+}
+
+bool clear_area_entry(const AreaDirectory& directory, const std::string& name, VelkctlError** error) {
+    if (area_entry_kind(directory, name) != S_IFDIR)
+        return remove_area_file(directory, name, error);
+    ErrorSlot failure;
+    if (remove_recursive(directory.access_path(name), failure))
+        return true;
+    move_with_known_paths(failure, {{directory.access_path(""), directory.path_of("")}}, error);
+    return false;
+}
+
+bool flush_and_rename_area_file(const AreaDirectory& directory, const std::string& from,
+                                const std::string& to, VelkctlError** error) {
+    const std::optional<AreaFile> file = find_area_file(directory, from);
+    if (!file)
+        return true;
+    if (!file->flush(error))
+        return false;
+    if (renameat(directory.fd(), from.c_str(), directory.fd(), to.c_str()) == 0)
+        return true;
+    SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", directory.path_of(from).c_str(),
+                      directory.path_of(to).c_str(), system_error_text().c_str());
+    return false;
+}
+
+bool flush_area_directory(const AreaDirectory& directory, VelkctlError** error) {
+    return fsync(directory.fd()) == 0 || fail(error, "Failed flushing", directory.path(), errno);
 }
 
 bool set_area_owner(const AreaDirectory& directory, const std::string& name, uid_t uid, gid_t gid,
@@ -112,6 +154,12 @@ bool set_open_mode(int fd, const std::string& path, mode_t mode, VelkctlError** 
 std::optional<struct stat> AreaFile::status() const {
     struct stat status {};
     return fstat(fd_.get(), &status) == 0 ? std::optional(status) : std::nullopt;
+}
+
+std::string AreaFile::access_path() const { return descriptor_path(fd_.get()); }
+
+bool AreaFile::flush(VelkctlError** error) const {
+    return fsync(fd_.get()) == 0 || fail(error, "Failed flushing", path_, errno);
 }
 
 bool AreaFile::set_owner(uid_t uid, gid_t gid, VelkctlError** error) const {
@@ -141,6 +189,25 @@ std::optional<AreaFile> open_area_file(const AreaDirectory& directory, const std
     return std::nullopt;
 }
 
+std::optional<AreaFile> find_area_file(const AreaDirectory& directory, const std::string& name) {
+    // Whatever lies there is not waited for.
+    UniqueFd fd(openat(directory.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return std::nullopt;
+    return AreaFile(std::move(fd), directory.path_of(name));
+}
+
+std::optional<AreaFile> make_area_file(const AreaDirectory& directory, const std::string& name,
+                                       VelkctlError** error) {
+    const std::string path = directory.path_of(name);
+    UniqueFd fd(openat(directory.fd(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (fd)
+        return AreaFile(std::move(fd), path);
+    fail(error, "Failed creating file", path, errno);
+    return std::nullopt;
+}
+
 bool create_area_file(const AreaDirectory& directory, const std::string& relative, mode_t mode, uid_t uid,
                       gid_t gid, VelkctlError** error) {
     const std::string path = directory.path_of(relative);
@@ -157,6 +224,10 @@ bool create_area_file(const AreaDirectory& directory, const std::string& relativ
         return fail(error, "Failed creating file", path, errno);
     return fchownat(parent.get(), name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) == 0 ||
            fail(error, "Failed setting ownership of file", path, errno);
+}
+
+void move_with_known_paths(ErrorSlot& failure, std::initializer_list<KnownPath> paths, VelkctlError** error) {
+    velkctl_error_set(error, failure.code(), "%s", with_known_paths(failure.message(), paths).c_str());
 }
 
 bool make_area_link_if_absent(const AreaDirectory& directory, const std::string& target,

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 
@@ -25,7 +26,10 @@ class AreaDirectory {
     [[nodiscard]] const std::string& path() const { return path_; }
     /** The path of an entry, for messages and for what other programs are told. */
     [[nodiscard]] std::string path_of(const std::string& name) const { return path_ + "/" + name; }
-    /** A path to an entry that leads through the open directory; valid in this process while it is open. */
+    /**
+     * A path to an entry that leads through the open directory, for this process and the programs that it
+     * runs; valid while the directory is open.
+     */
     [[nodiscard]] std::string access_path(const std::string& name) const;
 
   private:
@@ -54,6 +58,9 @@ class AreaDirectory {
 [[nodiscard]] std::optional<AreaDirectory> make_area_directory(const AreaDirectory& parent,
                                                                const std::string& name, VelkctlError** error);
 
+/** What kind of entry has the name, links not followed: S_IFREG, S_IFLNK, ...; 0 when there is none. */
+[[nodiscard]] mode_t area_entry_kind(const AreaDirectory& directory, const std::string& name);
+
 /** Replace the file `name` as write_file does: mode 0644, code 10 "Failed writing to file: %s: %s". */
 [[nodiscard]] bool write_area_file(const AreaDirectory& directory, const std::string& name,
                                    const std::string& text, VelkctlError** error);
@@ -61,6 +68,24 @@ class AreaDirectory {
 /** Unlink; an absent file counts as success. "Failed removing %s: %s", code 10. */
 [[nodiscard]] bool remove_area_file(const AreaDirectory& directory, const std::string& name,
                                     VelkctlError** error);
+
+/**
+ * Remove whatever has the name, a directory with all that is in it; nothing counts as success.
+ *
+ * @param error  code 10 "Failed removing %s: %s", or that of remove_recursive
+ */
+[[nodiscard]] bool clear_area_entry(const AreaDirectory& directory, const std::string& name,
+                                    VelkctlError** error);
+
+/**
+ * Press the file `from` to the disk and rename it; what is no regular file, or not there, is left,
+ * successfully. "Failed flushing %s: %s", "Failed renaming %s to %s: %s", code 10.
+ */
+[[nodiscard]] bool flush_and_rename_area_file(const AreaDirectory& directory, const std::string& from,
+                                              const std::string& to, VelkctlError** error);
+
+/** Press the directory itself to the disk. "Failed flushing %s: %s", code 10. */
+[[nodiscard]] bool flush_area_directory(const AreaDirectory& directory, VelkctlError** error);
 
 /** The owner of an entry, of the link itself when it is one. "Failed setting ownership of %s: %s", code 10.
  */
@@ -80,10 +105,19 @@ class AreaFile {
     AreaFile(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
 
     [[nodiscard]] std::optional<struct stat> status() const;
+    /** The path under which messages name it. */
+    [[nodiscard]] const std::string& path() const { return path_; }
+    /**
+     * A path to this very file, whatever has its name by now, for this process and the programs that it runs.
+     */
+    [[nodiscard]] std::string access_path() const;
     /** "Failed setting ownership of %s: %s", code 10. */
     [[nodiscard]] bool set_owner(uid_t uid, gid_t gid, VelkctlError** error) const;
     /** "Failed setting permissions for %s: %s", code 10; also for what is no regular file. */
     [[nodiscard]] bool set_mode(mode_t mode, VelkctlError** error) const;
+    /** Press it to the disk; not for one that was opened only for its owner and mode. "Failed flushing %s:
+     * %s". */
+    [[nodiscard]] bool flush(VelkctlError** error) const;
 
   private:
     UniqueFd fd_;
@@ -102,6 +136,14 @@ class AreaFile {
                                                      const std::string& relative, const char* operation,
                                                      VelkctlError** error);
 
+/** The regular file `name` for reading, or nothing when there is none; a link is none. */
+[[nodiscard]] std::optional<AreaFile> find_area_file(const AreaDirectory& directory, const std::string& name);
+
+/** Make the file `name`, empty and root's own, to be filled through its access path. "Failed creating file
+ * %s: %s", code 10, also when the name exists. */
+[[nodiscard]] std::optional<AreaFile> make_area_file(const AreaDirectory& directory, const std::string& name,
+                                                     VelkctlError** error);
+
 /**
  * Make an empty file at `relative` inside the directory, which no link may lie on the way to, and give it to
  * the owner. An existing entry is kept and only given away.
@@ -111,6 +153,16 @@ class AreaFile {
  */
 [[nodiscard]] bool create_area_file(const AreaDirectory& directory, const std::string& relative, mode_t mode,
                                     uid_t uid, gid_t gid, VelkctlError** error);
+
+/** A path through an open descriptor, which means nothing to people, and the one by which they know the
+ * thing. */
+struct KnownPath {
+    std::string access;
+    std::string known;
+};
+
+/** Give a failure up to `error`, with known paths in its message. For what was told of access paths. */
+void move_with_known_paths(ErrorSlot& failure, std::initializer_list<KnownPath> paths, VelkctlError** error);
 
 /** Make the link `name`, unless the name exists. "Failed creating symbolic link from %s to %s: error %s",
  * code 10. */

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/paths.h"
+#include "integration/area.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
 #include "system/file.h"
@@ -22,28 +23,65 @@ static std::string source_directory(const std::string& app, const StoreLocation*
     return unmounted ? location_link_target(app, location) : paths::store_root_path(app);
 }
 
-static bool copy_into(const std::string& source, const std::string& app, const std::string& target,
-                      VelkctlError** error) {
-    for (const std::string& name : {app + ".conf", "param_" + app + ".conf"})
-        if (!copy_path_if_present(source + "/conf/" + name, target + "/" + name, error))
-            return false;
-    // A link could lead anywhere, and what it leads to is not the application's data.
-    const std::string data = source + "/localdata";
-    return remove_if_symlink(data, error) &&
-           (!is_directory(data) || copy_path(data, target + "/localdata", error));
+/** Copy the two configuration files, those that are there. */
+static bool copy_configuration(const AreaDirectory& conf, const std::string& app, const std::string& target,
+                               VelkctlError** error) {
+    for (const std::string& name : {app + ".conf", "param_" + app + ".conf"}) {
+        ErrorSlot failure;
+        if (copy_path_if_present(conf.access_path(name), target + "/" + name, failure))
+            continue;
+        move_with_known_paths(failure, {{conf.access_path(""), conf.path_of("")}}, error);
+        return false;
+    }
+    return true;
 }
 
+static bool copy_into(const std::string& source, const std::string& app, const std::string& target,
+                      VelkctlError** error) {
+    if (!is_directory(source))
+        return true;
+    const std::optional<AreaDirectory> application = open_area(source, error);
+    if (!application)
+        return false;
+    // A link is not left out but refused: a new version would otherwise begin without the settings.
+    const mode_t kind = area_entry_kind(*application, "conf");
+    if (kind == S_IFDIR || kind == S_IFLNK) {
+        const std::optional<AreaDirectory> conf = open_area_directory(*application, "conf", error);
+        if (!conf || !copy_configuration(*conf, app, target, error))
+            return false;
+    }
+    // A link could lead anywhere, and what it leads to is not the application's data.
+    const std::string data = application->path_of("localdata");
+    return remove_if_symlink(data, error) &&
+           (!is_directory_no_follow(data) || copy_path(data, target + "/localdata", error));
+}
+
+static bool rename_or_fail(const std::string& from, const std::string& to, VelkctlError** error) {
+    if (std::rename(from.c_str(), to.c_str()) == 0)
+        return true;
+    SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", from.c_str(), to.c_str(),
+                      system_error_text().c_str());
+    return false;
+}
+
+/** Where a backup waits for its deletion. */
+static std::string doomed_path(const std::string& backup) { return backup + ".remove"; }
+
 static bool put_in_place(const std::string& complete, const std::string& backup, VelkctlError** error) {
-    if (!remove_recursive(backup, error))
+    const std::string doomed = doomed_path(backup);
+    if (!remove_recursive(doomed, error))
         return false;
     sync();
-    if (std::rename(complete.c_str(), backup.c_str()) != 0) {
-        SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", complete.c_str(), backup.c_str(),
-                          system_error_text().c_str());
+    // The old one goes as a whole first: a deletion that is cut short must not leave half of it under the
+    // name.
+    const bool replaces = is_directory(backup);
+    if ((replaces && !rename_or_fail(backup, doomed, error)) || !rename_or_fail(complete, backup, error)) {
+        if (replaces)
+            (void)std::rename(doomed.c_str(), backup.c_str());
         return false;
     }
     sync();
-    return true;
+    return remove_recursive(doomed, error);
 }
 
 bool back_up_application(const std::string& app, VelkctlError** error) {
@@ -68,7 +106,7 @@ int remove_backup(const std::string& app, VelkctlError** error) {
     if (!backup_exists(app))
         return 0;
     const std::string backup = backup_path(app);
-    const std::string doomed = backup + ".remove";
+    const std::string doomed = doomed_path(backup);
     if (!remove_recursive(doomed, error))
         return -1;
     if (std::rename(backup.c_str(), doomed.c_str()) != 0) {

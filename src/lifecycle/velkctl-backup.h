@@ -11,12 +11,13 @@ std::string backup_path(const std::string& app);
 bool backup_exists(const std::string& app);
 
 /**
- * Back up the settings file, the parameter file and the data of an application that is not running, replacing
- * its previous backup by a rename once the new one is complete.
+ * Back up the settings file, the parameter file and the data of an application that is not running. Once the
+ * new backup is complete the previous one is renamed aside and the new one takes its place: an interruption
+ * leaves one of them whole, or, between the two renames, none.
  *
- * @param error  required (asserted). Code 10 for a name that cannot be one, an application that runs or a
- * copy that failed, 12 when locked, 4 when the application is not in the store. The previous backup then
- * stays.
+ * @param error  required (asserted). Code 10 for a name that cannot be one, an application that runs, a
+ * `conf` directory that is a link, or a copy that failed, 12 when locked, 4 when the application is not in
+ * the store. The previous backup then stays.
  * @return 0 or -1
  */
 int velkctl_perform_backup(const std::string& app, VelkctlError** error);

@@ -107,10 +107,11 @@ std::optional<Installation> examine(const std::string& path, const StoreLocation
 
 }  // namespace
 
-int velkctl_install(const std::string& path, const StoreLocation* location, const SetupOptions& options,
+int velkctl_install(const std::string& package, const StoreLocation* location, const SetupOptions& options,
                     std::string* app_name, VelkctlError** error) {
-    assert(location && app_name && error);
-    const std::optional<Installation> installation = examine(path, location, options, error);
+    const char* path = package.c_str();
+    assert(path && app_name && error);
+    const std::optional<Installation> installation = examine(package, location, options, error);
     if (!installation)
         return -1;
     const std::string& app = installation->app();
@@ -128,7 +129,7 @@ int velkctl_install(const std::string& path, const StoreLocation* location, cons
         return -1;
     }
     if (skipped)
-        log_info("Installation of %s was skipped", path.c_str());
+        log_info("Installation of %s was skipped", path);
     return remove_backup(app, error);
 }
 

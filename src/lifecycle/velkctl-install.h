@@ -10,7 +10,7 @@
  * Install a package: import it and set it up. An installed version of the same application is replaced, its
  * data and settings kept. The application is not started; a running one is not replaced.
  *
- * @param path      the package file
+ * @param package   the package file
  * @param location  where the application is to be kept
  * @param app_name  required (asserted); receives the application's name as soon as the package's manifest has
  * told it, also when the installation then fails
@@ -21,7 +21,7 @@
  * @return 0, also when the package's own script asked for the installation to be skipped and the options
  * allow that; -1 on failure
  */
-int velkctl_install(const std::string& path, const StoreLocation* location, const SetupOptions& options,
+int velkctl_install(const std::string& package, const StoreLocation* location, const SetupOptions& options,
                     std::string* app_name, VelkctlError** error);
 
 /**

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/paths.h"
+#include "integration/area.h"
 #include "integration/cfgtree.h"
 #include "lifecycle/velkctl-backup.h"
 #include "manifest/app-user.h"
@@ -15,110 +16,132 @@
 #include "system/key-file.h"
 #include "system/subprocess.h"
 #include "system/tree.h"
+#include "system/user-database.h"
 
 namespace {
-
-/** Back to the working directory it was made in, on every path. */
-class WorkingDirectory {
-  public:
-    [[nodiscard]] bool enter(const std::string& directory, VelkctlError** error) {
-        before_ = current_dir(error);
-        return !before_.empty() && change_dir(directory, error);
-    }
-    WorkingDirectory() = default;
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-    ~WorkingDirectory() {
-        ErrorSlot ignored;
-        if (!before_.empty())
-            (void)change_dir(before_, ignored);
-    }
-
-  private:
-    std::string before_;
-};
 
 /** What is restored, for whom. The saved files are found in the working directory, by their names. */
 struct Restoration {
     std::string app;
-    std::string directory;  ///< the application directory
     AppOwner owner;
-
-    [[nodiscard]] std::string conf() const { return directory + "/conf"; }
+    AreaDirectory application;  ///< the application directory
 };
 
-bool give_to_owner(const Restoration& restoration, const std::string& path, VelkctlError** error) {
-    return set_owner_and_mode(path, restoration.owner.user, restoration.owner.group, 0600, error);
-}
+/** One of the two configuration files, with the directory it is to come back to. */
+struct ConfigurationFile {
+    const Restoration& restoration;
+    const AreaDirectory& conf;
+    std::string name;
 
-/** The temporary file beside `current`, with nothing at its place: an application could have planted a link
- * there. */
-std::optional<std::string> fresh_temporary(const std::string& current, VelkctlError** error) {
-    std::string temporary = current + ".tmp";
-    return remove_file(temporary, error) ? std::optional(std::move(temporary)) : std::nullopt;
-}
+    [[nodiscard]] std::string temporary() const { return name + ".tmp"; }
+    [[nodiscard]] bool is_saved() const { return is_regular_file_no_follow(name); }
+    [[nodiscard]] KnownPath known_directory() const { return {conf.access_path(""), conf.path_of("")}; }
+};
 
-bool merge_settings(const Restoration& restoration, VelkctlError** error) {
-    const std::string saved = restoration.app + ".conf";
-    if (!is_regular_file_no_follow(saved))
-        return true;
-    const std::string current = restoration.conf() + "/" + saved;
-    const std::optional<std::string> temporary = fresh_temporary(current, error);
-    if (!temporary)
+bool give_to_owner(const ConfigurationFile& file, VelkctlError** error) {
+    const AppOwner& owner = file.restoration.owner;
+    const gid_t gid = find_group_id(owner.group, error);
+    const uid_t uid =
+        gid == static_cast<gid_t>(-1) ? static_cast<uid_t>(-1) : find_user_id(owner.user, error);
+    if (uid == static_cast<uid_t>(-1))
         return false;
-    if (is_regular_file_no_follow(current)) {
-        const std::string text =
-            merge_key_files(parameter_group_name(restoration.app), current, saved, error);
-        if (text.empty() || !write_file(*temporary, text, error))
-            return false;
-    } else if (!copy_path(saved, *temporary, error)) {
-        return false;
-    }
-    return give_to_owner(restoration, *temporary, error);
+    const std::optional<AreaFile> made =
+        open_area_file(file.conf, file.temporary(), "Failed setting ownership of", error);
+    return made && made->set_owner(uid, gid, error) && made->set_mode(0600, error);
 }
 
-bool merge_parameter_files(const std::string& current, const std::string& saved, const std::string& merged,
-                           VelkctlError** error) {
-    ErrorSlot reason;
-    if (velkctl_parconf_merge_files(current.c_str(), saved.c_str(), merged.c_str(), reason))
+/** Copy a file over an empty one of its own, so that no link that appears meanwhile is written through. */
+bool copy_to_temporary(const ConfigurationFile& file, const std::string& source, VelkctlError** error) {
+    const std::optional<AreaFile> made = make_area_file(file.conf, file.temporary(), error);
+    if (!made)
+        return false;
+    ErrorSlot failure;
+    if (copy_path(source, made->access_path(), failure))
         return true;
-    velkctl_error_set(error, reason.is_set() ? reason.code() : VELKCTL_ERROR_GENERAL, "%s", reason.message());
+    move_with_known_paths(failure, {file.known_directory(), {made->access_path(), made->path()}}, error);
     return false;
 }
 
-bool merge_parameters(const Restoration& restoration, VelkctlError** error) {
-    const std::string saved = "param_" + restoration.app + ".conf";
-    const std::string current = restoration.conf() + "/" + saved;
-    const bool has_saved = is_regular_file_no_follow(saved);
-    const bool has_current = is_regular_file_no_follow(current);
-    if (!has_saved && !has_current)
-        return true;
-    const std::optional<std::string> temporary = fresh_temporary(current, error);
-    if (!temporary)
-        return false;
-    const bool written = has_saved && has_current ? merge_parameter_files(current, saved, *temporary, error)
-                                                  : copy_path(has_saved ? saved : current, *temporary, error);
-    return written && give_to_owner(restoration, *temporary, error);
+/** Merge the saved settings file with the current one, which is given. */
+bool merge_key_file(const ConfigurationFile& file, const AreaFile& current, VelkctlError** error) {
+    ErrorSlot failure;
+    const std::string group = parameter_group_name(file.restoration.app);
+    const std::string text = merge_key_files(group, current.access_path(), file.name, failure);
+    if (!text.empty())
+        return write_area_file(file.conf, file.temporary(), text, error);
+    move_with_known_paths(failure, {{current.access_path(), current.path()}}, error);
+    return false;
 }
 
-bool put_settings_in_place(const Restoration& restoration, VelkctlError** error) {
-    const std::string conf = restoration.conf();
-    if (!is_directory(conf))
+bool merge_settings(const ConfigurationFile& file, VelkctlError** error) {
+    if (!file.is_saved())
         return true;
-    for (const std::string& name : {restoration.app + ".conf", "param_" + restoration.app + ".conf"}) {
-        const std::string target = conf + "/" + name;
-        if (!flush_and_rename_if_present(target + ".tmp", target, error))
-            return false;
+    const std::optional<AreaFile> current = find_area_file(file.conf, file.name);
+    const bool written =
+        current ? merge_key_file(file, *current, error) : copy_to_temporary(file, file.name, error);
+    return written && give_to_owner(file, error);
+}
+
+/** Merge the saved parameter file with the current one, which is given. */
+bool merge_parameter_file(const ConfigurationFile& file, const AreaFile& current, VelkctlError** error) {
+    ErrorSlot reason;
+    if (velkctl_parconf_merge_files(current.access_path().c_str(), file.name.c_str(),
+                                    file.conf.access_path(file.temporary()).c_str(), reason))
+        return true;
+    if (!reason.is_set())
+        SET_GENERAL_ERROR(reason, "Failed merging %s and %s", current.path().c_str(), file.name.c_str());
+    move_with_known_paths(reason, {file.known_directory(), {current.access_path(), current.path()}}, error);
+    return false;
+}
+
+bool merge_parameters(const ConfigurationFile& file, VelkctlError** error) {
+    const std::optional<AreaFile> current = find_area_file(file.conf, file.name);
+    if (!file.is_saved() && !current)
+        return true;
+    const std::string only = file.is_saved() ? file.name : file.conf.access_path(file.name);
+    const bool written = file.is_saved() && current ? merge_parameter_file(file, *current, error)
+                                                    : copy_to_temporary(file, only, error);
+    return written && give_to_owner(file, error);
+}
+
+bool put_in_place(const ConfigurationFile& file, VelkctlError** error) {
+    return flush_and_rename_area_file(file.conf, file.temporary(), file.name, error);
+}
+
+bool restore_configuration(const Restoration& restoration, VelkctlError** error) {
+    const std::string settings_name = restoration.app + ".conf";
+    const std::string parameters_name = "param_" + restoration.app + ".conf";
+    const bool is_saved =
+        is_regular_file_no_follow(settings_name) || is_regular_file_no_follow(parameters_name);
+    if (!is_saved && area_entry_kind(restoration.application, "conf") != S_IFDIR)
+        return true;
+    const std::optional<AreaDirectory> conf = open_area_directory(restoration.application, "conf", error);
+    if (!conf)
+        return false;
+    const ConfigurationFile settings{restoration, *conf, settings_name};
+    const ConfigurationFile parameters{restoration, *conf, parameters_name};
+    // Whatever an earlier restore or the application left there would otherwise be put in place below.
+    const bool restored = clear_area_entry(*conf, settings.temporary(), error) &&
+                          clear_area_entry(*conf, parameters.temporary(), error) &&
+                          merge_settings(settings, error) && merge_parameters(parameters, error) &&
+                          put_in_place(settings, error) && put_in_place(parameters, error) &&
+                          flush_area_directory(*conf, error);
+    if (restored)
+        return true;
+    ErrorSlot cleanup;
+    for (const ConfigurationFile* file : {&settings, &parameters}) {
+        (void)clear_area_entry(*conf, file->temporary(), cleanup);
+        cleanup.clear();
     }
-    return flush_path(conf, error);
+    return false;
 }
 
 bool restore_data(const Restoration& restoration, VelkctlError** error) {
     if (!is_directory_no_follow("localdata"))
         return true;
-    const std::string data = restoration.directory + "/localdata";
+    const std::string data = restoration.application.path_of("localdata");
     const std::string staging = data + ".tmp";
-    if (!remove_if_symlink(staging, error) || !remove_recursive(staging, error) ||
+    if (!clear_area_entry(restoration.application, base_name(staging), error) ||
         !copy_path("localdata", staging, error) ||
         run_command(error, "chown -hR '%s' '%s'", {restoration.owner.user.c_str(), staging.c_str()}) != 0 ||
         !remove_if_symlink(data, error) || !remove_recursive(data, error))
@@ -129,7 +152,7 @@ bool restore_data(const Restoration& restoration, VelkctlError** error) {
                           system_error_text().c_str());
         return false;
     }
-    return flush_path(restoration.directory, error);
+    return flush_area_directory(restoration.application, error);
 }
 
 bool require_restorable(const std::string& app, VelkctlError** error) {
@@ -148,18 +171,20 @@ bool require_restorable(const std::string& app, VelkctlError** error) {
 }  // namespace
 
 int velkctl_restore(const std::string& app, VelkctlError** error) {
-    const std::string& app_name = app;
-    assert(!app_name.empty() && error);
+    const char* app_name = app.c_str();
+    assert(app_name && error);
     OperationLock lock;
     if (!lock_app_for_operation(app, "restore", &lock, error) || !require_restorable(app, error))
         return -1;
-    std::optional<AppOwner> owner = application_owner(app.c_str(), error);
+    std::optional<AppOwner> owner = application_owner(app_name, error);
     WorkingDirectory working_directory;
-    if (!owner || !working_directory.enter(backup_path(app), error))
+    if (!owner || !working_directory.remember(error) || !working_directory.enter(backup_path(app), error))
         return -1;
-    const Restoration restoration{app, paths::store_root_path(app), std::move(*owner)};
-    const bool restored = merge_settings(restoration, error) && merge_parameters(restoration, error) &&
-                          put_settings_in_place(restoration, error) && reload_parameters(app, error) &&
+    std::optional<AreaDirectory> application = open_area(paths::store_root_path(app), error);
+    if (!application)
+        return -1;
+    const Restoration restoration{app, std::move(*owner), std::move(*application)};
+    const bool restored = restore_configuration(restoration, error) && reload_parameters(app, error) &&
                           restore_data(restoration, error);
     return restored ? 0 : -1;
 }

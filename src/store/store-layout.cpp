@@ -137,32 +137,6 @@ class Staging {
     std::string path_;
 };
 
-/** Enters a directory and is back in the former one at the end of its scope. */
-class WorkingDirectory {
-  public:
-    explicit WorkingDirectory(std::string former) : former_(std::move(former)) {}
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-    ~WorkingDirectory() {
-        ErrorSlot failure;
-        if (!leave(failure))
-            warn_and_clear_error(failure, nullptr);
-    }
-    [[nodiscard]] bool enter(const std::string& path, VelkctlError** error) {
-        entered_ = change_dir(path, error);
-        return entered_;
-    }
-    [[nodiscard]] bool leave(VelkctlError** error) {
-        const bool was_entered = entered_;
-        entered_ = false;
-        return !was_entered || change_dir(former_, error);
-    }
-
-  private:
-    std::string former_;
-    bool entered_ = false;
-};
-
 }  // namespace
 
 /** Check that the unpacked archive fits beside what is at `path`. */
@@ -208,11 +182,10 @@ static bool unpack(const std::string& data, VelkctlError** error) {
 }
 
 static bool unpack_into(const std::string& directory, const std::string& data, VelkctlError** error) {
-    const std::string former = current_dir(error);
-    if (former.empty() || !check_room(data, directory, error) ||
+    WorkingDirectory working_directory;
+    if (!working_directory.remember(error) || !check_room(data, directory, error) ||
         !set_owner(directory, kUnpackingUser, kKeepGroup, error))
         return false;
-    WorkingDirectory working_directory(former);
     return working_directory.enter(directory, error) && unpack(data, error) && working_directory.leave(error);
 }
 

@@ -13,6 +13,8 @@
 #include <new>
 
 #include "base/handles.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "platform/libfilesync.h"
 #include "system/subprocess.h"
 #include "system/user-database.h"
@@ -300,6 +302,37 @@ bool change_dir(const std::string& path, VelkctlError** error) {
     if (chdir(path.c_str()) == 0)
         return true;
     SET_GENERAL_ERROR(error, "Failed changing directory to %s: %s", path.c_str(),
+                      system_error_text().c_str());
+    return false;
+}
+
+WorkingDirectory::~WorkingDirectory() {
+    ErrorSlot failure;
+    if (!leave(failure))
+        warn_and_clear_error(failure, nullptr);
+}
+
+bool WorkingDirectory::remember(VelkctlError** error) {
+    former_ = UniqueFd(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!former_)
+        SET_GENERAL_ERROR(error, "Failed to get working directory: %s", system_error_text().c_str());
+    return static_cast<bool>(former_);
+}
+
+bool WorkingDirectory::enter(const std::string& path, VelkctlError** error) {
+    assert(former_);
+    entered_ = change_dir(path, error);
+    return entered_;
+}
+
+bool WorkingDirectory::leave(VelkctlError** error) {
+    if (!entered_ || fchdir(former_.get()) == 0) {
+        entered_ = false;
+        return true;
+    }
+    const std::string former = std::string(paths::kOwnDescriptors) + "/" + std::to_string(former_.get());
+    entered_ = false;
+    SET_GENERAL_ERROR(error, "Failed changing directory to %s: %s", former.c_str(),
                       system_error_text().c_str());
     return false;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/handles.h"
 #include "base/velkctl-error.h"
 
 /*
@@ -128,6 +129,30 @@
 [[nodiscard]] std::string current_dir(VelkctlError** error);
 /** "Failed changing directory to %s: %s". */
 [[nodiscard]] bool change_dir(const std::string& path, VelkctlError** error);
+
+/**
+ * Enters a directory and is back in the former one at the end of its scope at the latest; also when the
+ * former one was moved or deleted, since it is held open and not remembered by its path.
+ */
+class WorkingDirectory {
+  public:
+    WorkingDirectory() = default;
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+    ~WorkingDirectory();
+
+    /** Hold the present directory open. "Failed to get working directory: %s". */
+    [[nodiscard]] bool remember(VelkctlError** error);
+    /** Go to `path`, once the present directory is remembered (asserted). "Failed changing directory to %s:
+     * %s". */
+    [[nodiscard]] bool enter(const std::string& path, VelkctlError** error);
+    /** Go back, if one was entered. "Failed changing directory to %s: %s". */
+    [[nodiscard]] bool leave(VelkctlError** error);
+
+  private:
+    UniqueFd former_;
+    bool entered_ = false;
+};
 
 // --- Questions ---
 

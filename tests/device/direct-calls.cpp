@@ -2,13 +2,16 @@
 //
 // What no command of velkctl does, for the tests on the device. `nested-locks` takes the lock twice, by two
 // names, and gives it back twice, and prints after each step what the lock file says; `setup-inside APP` sets
-// an application up that may not lie on a card. Ends and logs like velkctl.
+// an application up that may not lie on a card; `is-enabled [APP]` prints "yes" or "no" for whether it is
+// recorded as wanted at boot, for which `list` shows a record that cannot be read like a no. Ends and logs
+// like velkctl.
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "base/log.h"
+#include "integration/runstate.h"
 #include "integration/velkctl-setup.h"
 #include "store/lock.h"
 
@@ -33,12 +36,19 @@ static bool nest_locks(VelkctlError** error) {
     return true;
 }
 
+static bool print_enabled(const char* app, VelkctlError** error) {
+    const bool enabled = runstate_is_enabled(app, error);
+    return !*error && std::puts(enabled ? "yes" : "no") >= 0;
+}
+
 static bool run(int argc, char** argv, VelkctlError** error) {
     if (argc == 2 && std::strcmp(argv[1], "nested-locks") == 0)
         return nest_locks(error);
     if (argc == 3 && std::strcmp(argv[1], "setup-inside") == 0)
         return velkctl_setup(argv[2], {.allow_external_location = false}, error) == 0;
-    std::fputs("usage: direct-calls nested-locks|setup-inside [NAME]\n", stderr);
+    if (argc >= 2 && std::strcmp(argv[1], "is-enabled") == 0)
+        return print_enabled(argv[2], error);
+    std::fputs("usage: direct-calls nested-locks|setup-inside|is-enabled [NAME]\n", stderr);
     return false;
 }
 

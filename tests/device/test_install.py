@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 from apps import (LOCK, app, configuration, installation, is_locked, stored, uninstallation, without_gpgv,
                   without_place)
-from velkdevice import package
+from velkdevice import package, snapshot
 from velkdevice.device import Device
 
 Put = Callable[..., str]
@@ -298,6 +298,38 @@ def test_a_lock_of_another_command_refuses_every_change(pristine: Device, put_pa
 def test_uninstall_of_what_is_not_there(pristine: Device) -> None:
     assert velkctl(pristine, "uninstall", "Nobody") == (4, "", "code 4: Application not found in store: Nobody\n")
     assert not is_locked(pristine)
+
+
+BACKUPS = "/usr/local/packages/_backup"
+
+
+def test_an_uninstallation_that_cannot_delete_the_backup_changes_nothing(pristine: Device, put_package: Put) -> None:
+    pristine.velkctl("install", put_package(pristine, app("Sample"))).check()
+    pristine.velkctl("backup", "Sample").check()
+    before = snapshot.take(pristine)
+    pristine.sh(f"chattr +i {BACKUPS}").check()
+    outcome = velkctl(pristine, "uninstall", "Sample")
+    pristine.sh(f"chattr -i {BACKUPS}").check()
+    assert outcome == (
+        10, "", "code 10: src/lifecycle/velkctl-backup.cpp: Could not remove backup. Rename failed.\n")  # fmt: skip
+    assert (before.differences(snapshot.take(pristine)), is_locked(pristine)) == ([], False)
+    assert velkctl(pristine, "uninstall", "Sample")[0] == 0
+    pristine.sh(f"rmdir --ignore-fail-on-non-empty {BACKUPS}").check()
+
+
+def test_an_application_that_cannot_be_removed_from_the_store_counts_as_uninstalled(
+    pristine: Device, put_package: Put
+) -> None:
+    pristine.velkctl("install", put_package(pristine, app("Sample"))).check()
+    pristine.sh("chattr +i /usr/local/packages").check()
+    outcome = velkctl(pristine, "uninstall", "Sample")
+    pristine.sh("chattr -i /usr/local/packages").check()
+    assert outcome == (0, "", "src/store/velkctl-remove.cpp: Failed renaming /usr/local/packages/Sample to "
+                              "/usr/local/packages/Sample.tmp: Operation not permitted\n"
+                              "Successfully uninstalled application 'Sample'\n")  # fmt: skip
+    assert (stored(pristine), is_locked(pristine)) == (["Sample"], False)
+    assert not pristine.exists("/etc/systemd/system/sdkSample.service")
+    pristine.velkctl("remove", "Sample").check()
 
 
 @pytest.mark.parametrize("name", ["../etc", "1app", "a b", "", "a\n"])

@@ -128,6 +128,21 @@ def test_an_application_of_the_older_form(pristine: Device) -> None:
     pristine.sh("rm -r /usr/local/packages/Old").check()
 
 
+def test_of_several_lists_the_first_in_their_order_is_printed(installed: Device) -> None:
+    installed.write("/usr/local/packages/Old/package.conf", "APPNAME=Old\n")
+    installed.write(CACHE, '["ships"]')
+    try:
+        shipped, legacy, sizes = (installed.velkctl("list", "--bundled-apps", *more).check().stdout
+                                  for more in ([], ["--legacy-apps"], ["--format=idd-size"]))  # fmt: skip
+        # For one application the name comes before the version.
+        names = installed.velkctl("list", "--version", "--friendly-name", "Sample").check().stdout
+    finally:
+        installed.sh(f"rm -r /usr/local/packages/Old {CACHE}").check()
+    assert (shipped, legacy) == ('["ships"]', '["Old"]')
+    assert [line.split("\t")[1] for line in sizes.splitlines()] == ["Old", "Sample"]
+    assert names == "Sample of the tests"
+
+
 def test_directories_that_are_no_applications_are_passed_over(installed: Device) -> None:
     installed.sh("cp -a /usr/local/packages/Sample /usr/local/packages/Sample.tmp").check()
     assert len(json.loads(installed.velkctl("list").check().stdout)) == 1

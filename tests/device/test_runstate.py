@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 
 import pytest
-from apps import LOCK, app, is_locked
+from apps import LOCK, app, built, is_locked, without_place
 from setups import STORE, UNITS, Put, program, set_up, store_app, velkctl, workshop
 from velkdevice.device import Device
 
@@ -137,6 +137,33 @@ def test_the_record_counts_by_its_beginning(workshop: Device, put_package: Put, 
     workshop.write(f"{STORE}/Sample/conf/runstate.conf", text)
     wanted = '"Enabled"' if text.startswith("ENABLED=yes") else '"Disabled"'
     assert f'"autostart":{wanted}' in workshop.velkctl("list").check().stdout.replace('": "', '":"')
+
+
+def test_a_record_that_cannot_be_read_is_an_error_and_not_a_no(workshop: Device, put_package: Put) -> None:
+    set_up(workshop, put_package, app())
+    workshop.copy_in(built("direct-calls"), "/tmp/direct-calls")
+    conf = f"{STORE}/Sample/conf"
+
+    def ask(*name: str) -> tuple[int, str, str]:
+        result = workshop.run(["/tmp/direct-calls", "is-enabled", *name])
+        return result.status, result.stdout, without_place(result.stderr)
+
+    def unreadable(reason: str) -> tuple[int, str, str]:
+        return 10, "", ("code 10: Failed reading runstate for application Sample. Code: 10 Message: "
+                        f"src/integration/runstate.cpp: Failed opening {conf}/runstate.conf: {reason}\n")  # fmt: skip
+
+    assert ask("Sample") == unreadable("No such file or directory")
+    workshop.write(f"{conf}/runstate.conf", "ENABLED=yes\n")
+    assert ask("Sample") == (0, "yes\n", "")
+    workshop.write(f"{conf}/runstate.conf", "ENABLED=no\n")
+    assert ask("Sample") == (0, "no\n", "")
+    workshop.sh(f"cd {conf}; mv runstate.conf kept; ln -s kept runstate.conf").check()
+    assert ask("Sample") == unreadable("Too many levels of symbolic links")
+    workshop.sh(f"cd {conf}; rm runstate.conf; mkdir runstate.conf").check()
+    assert ask("Sample") == unreadable("Is a directory")
+    assert ask("Nothing") == (4, "", "code 4: Application not found in store: Nothing\n")
+    assert ask() == (10, "", "code 10: runstate_is_enabled: Invalid argument: appname is NULL\n")
+    workshop.sh("rm /tmp/direct-calls").check()
 
 
 @pytest.mark.parametrize(("mode", "status", "runs"), [

@@ -404,6 +404,62 @@ def test_an_import_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> N
 FAILING_SCRIPT = {"after.sh": "#!/bin/sh\nexit 77\n"}
 
 
+def calls_of_failure(upgrade: Upgrade, *arguments: Any, **packing: Any) -> list[str]:
+    """What an upgrade that fails asks of the service manager after its own look at whether the application runs."""
+    with program(upgrade.device, "systemctl", 'echo "$@" >>/tmp/fake/calls\nexec "$REAL" "$@"\n') as env:
+        assert upgrade.to_new(*arguments, env=env, **packing)[0] != 0
+        running, *calls = upgrade.device.read("/tmp/fake/calls").splitlines()
+    assert running == LOOK
+    return calls
+
+
+LOOK = "is-active --quiet sdkSample.service"
+
+
+def test_after_a_failed_import_the_web_server_is_reloaded_and_not_before(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    assert calls_of_failure(upgrade, sign=False) == [LOOK, "reload httpd"]
+
+
+def test_after_a_failed_removal_the_web_server_is_reloaded_and_not_before(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    upgrade.device.sh(f"chattr +i {STORE}").check()
+    assert calls_of_failure(upgrade) == [LOOK, "reload httpd"]
+
+
+def test_after_a_failed_setup_the_web_server_is_reloaded(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    files = installation(old_version(version="2.0.0"), postInstallScript="after.sh") | FAILING_SCRIPT
+    # The second look is that of the setup, which takes itself back.
+    assert calls_of_failure(upgrade, files) == [LOOK, LOOK, "reload httpd"]
+
+
+def test_a_failed_teardown_of_the_old_version_reloads_nothing(upgrade: Upgrade) -> None:
+    script = {"before.sh": "#!/bin/sh\n"}
+    upgrade.install_old(uninstallation(old_version(), preUninstallScript="before.sh") | script)
+    upgrade.device.sh(f"rm {STORE}/Sample/before.sh").check()
+    assert calls_of_failure(upgrade) == [LOOK]
+
+
+def test_an_application_that_cannot_take_its_data_back_leaves_without_a_reload(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    harm_settings(upgrade)
+    # The looks are those of the restore and of the teardown after it.
+    assert calls_of_failure(upgrade) == [LOOK, "daemon-reload", "reload httpd", LOOK, LOOK]
+
+
+def test_an_import_that_fails_without_a_reason_of_its_own_has_a_status_of_its_own(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    files = old_version(version="2.0.0", compatibleOsVersions=[{"min": "1", "max": "99"}])
+    with failing(upgrade.device, "Get"):
+        status, told = upgrade.to_new(files)
+    assert status == 55
+    assert told.endswith("Failed to retrieve the current firmware version\n") and "code" not in told
+    # The package was verified before, and its record stays.
+    record = ["+/etc/velk/vsf/Sample"]
+    assert upgrade.names(upgrade.without) == record + [f"+{name}" for name in SAVED] + kept_user()
+
+
 def test_a_setup_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
     upgrade.prepare()
     files = installation(old_version(version="2.0.0"), postInstallScript="after.sh") | FAILING_SCRIPT
@@ -487,6 +543,15 @@ def test_a_lock_that_is_held_changes_nothing(upgrade: Upgrade) -> None:
     assert (result.status, result.stderr) == (12, f"code 12: Another instance is already running, lock file exists: {LOCK}\n")
     upgrade.device.sh(f"rm {LOCK}").check()
     assert upgrade.names(upgrade.installed) == []
+
+
+def test_another_vendor_is_told_before_a_lock_that_is_held(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    path = upgrade.put_package(upgrade.device, old_version(vendorId="others"))
+    upgrade.device.write(LOCK, "Other")
+    result = upgrade.device.velkctl("install", path)
+    text = "code 27: Vendor ID in manifest does not match the vendor ID of the previous version\n"
+    assert (result.status, result.stderr, upgrade.device.read(LOCK)) == (27, text, "Other")
 
 
 def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:

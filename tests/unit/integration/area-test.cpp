@@ -86,9 +86,10 @@ TEST_F(Area, HasItsLinksReplacedAndRemovedNotFollowed) {
 TEST_F(Area, NamesTheFileThatCouldNotBeWritten) {
     const std::vector<std::string> before = test::tree_of(directory / "app");
     EXPECT_FALSE(write_area_file(*area, "sub", "new", error));
-    EXPECT_EQ(test::describe(error).find(
-                  "10 src/integration/area.cpp:N: Failed writing to file: " + app("sub") + ": "),
-              0U);
+    const std::string text = test::describe(error);
+    const std::string place = "10 src/integration/area.cpp:N: Failed writing to file: " + app("sub") + ": ";
+    EXPECT_TRUE(text.starts_with(place + "rename " + app(".filesync-"))) << text;
+    EXPECT_TRUE(text.ends_with(": Is a directory")) << text;
     EXPECT_EQ(test::tree_of(directory / "app"), before);
 }
 
@@ -103,6 +104,90 @@ TEST_F(Area, GivesAwayALinkItself) {
     EXPECT_FALSE(set_area_owner(*area, "none", 7, 8, error));
     EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed setting ownership of " +
                                          app("none") + ": No such file or directory");
+}
+
+TEST_F(Area, TellsTheKindOfAnEntryAndNotOfWhatALinkLeadsTo) {
+    EXPECT_EQ(area_entry_kind(*area, "sub"), mode_t{S_IFDIR});
+    EXPECT_EQ(area_entry_kind(*area, "file"), mode_t{S_IFREG});
+    EXPECT_EQ(area_entry_kind(*area, "in"), mode_t{S_IFLNK});
+    EXPECT_EQ(area_entry_kind(*area, "none"), mode_t{0});
+}
+
+TEST_F(Area, IsClearedOfAnEntryWhateverItIs) {
+    for (const char* name : {"file", "sub", "out", "secret", "none"}) {
+        EXPECT_TRUE(clear_area_entry(*area, name, error)) << name;
+        EXPECT_EQ(area_entry_kind(*area, name), mode_t{0}) << name;
+    }
+    EXPECT_EQ(test::read_text(directory / "app2/secret"), "secret");
+}
+
+TEST_F(Area, NamesTheDirectoryThatCouldNotBeClearedAsPeopleKnowIt) {
+    const test::LogCapture log;
+    const std::string immutable = app("sub");
+    if (!test::is_root() || !test::can_make_immutable(directory.path()))
+        GTEST_SKIP() << "needs root and the immutable attribute";
+    test::shell("chattr +i '" + immutable + "'");
+    const test::ScopedVariable no_chattr("PATH", directory.path());
+    EXPECT_FALSE(clear_area_entry(*area, "sub", error));
+    EXPECT_EQ(test::describe(error), "10 src/system/tree.cpp:N: Failed recursive removal of " + immutable);
+    EXPECT_TRUE(test::name_exists(app("sub/script")));
+}
+
+TEST_F(Area, FindsRegularFilesOnlyAndWaitsForNothing) {
+    ASSERT_EQ(mkfifo(app("pipe").c_str(), 0600), 0);
+    for (const char* name : {"secret", "script", "sub", "in", "pipe", "none"})
+        EXPECT_FALSE(find_area_file(*area, name)) << name;
+    const auto file = find_area_file(*area, "file");
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->path(), app("file"));
+    EXPECT_TRUE(file->flush(error));
+    // It is this very file, whatever has its name by now.
+    fs::rename(app("secret"), app("file"));
+    EXPECT_EQ(test::read_text(file->access_path()), "old");
+}
+
+TEST_F(Area, GetsAFileOfRootsOwnOnlyWhereThereIsNoEntry) {
+    const auto made = make_area_file(*area, "new", error);
+    ASSERT_TRUE(made);
+    test::write_text(made->access_path(), "text", 0600);
+    EXPECT_EQ(test::read_text(app("new")), "text");
+    EXPECT_EQ(test::mode_of(app("new")), 0600U);
+    for (const char* name : {"new", "secret", "sub"}) {
+        EXPECT_FALSE(make_area_file(*area, name, error)) << name;
+        EXPECT_EQ(test::describe(error),
+                  "10 src/integration/area.cpp:N: Failed creating file " + app(name) + ": File exists");
+        error.clear();
+    }
+    EXPECT_EQ(test::read_text(directory / "app2/secret"), "secret");
+}
+
+TEST_F(Area, HasAFileRenamedOverAnotherAndOverALink) {
+    EXPECT_TRUE(flush_and_rename_area_file(*area, "file", "secret", error));
+    EXPECT_EQ(test::read_text(app("secret")), "old");
+    EXPECT_TRUE(flush_area_directory(*area, error));
+    for (const char* name : {"none", "out", "sub"}) {
+        EXPECT_TRUE(flush_and_rename_area_file(*area, name, "target", error)) << name;
+        EXPECT_FALSE(test::name_exists(app("target"))) << name;
+    }
+    EXPECT_FALSE(flush_and_rename_area_file(*area, "secret", "sub", error));
+    EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed renaming " + app("secret") +
+                                         " to " + app("sub") + ": Is a directory");
+    EXPECT_EQ(test::read_text(directory / "app2/secret"), "secret");
+}
+
+TEST_F(Area, HasPathsThatOtherProgramsCanUse) {
+    const auto made = make_area_file(*area, "new", error);
+    ASSERT_TRUE(made);
+    test::shell("cp -fdr '" + area->access_path("file") + "' '" + made->access_path() + "'");
+    EXPECT_EQ(test::read_text(app("new")), "old");
+}
+
+TEST_F(Area, GivesFailuresUpWithThePathsThatPeopleKnow) {
+    ErrorSlot failure;
+    velkctl_error_set(failure, VELKCTL_ERROR_SIGNATURE, "From %s to %s and %s",
+                      area->access_path("a").c_str(), area->access_path("b").c_str(), "/c");
+    move_with_known_paths(failure, {{area->access_path(""), area->path_of("")}, {"/c", "/known"}}, error);
+    EXPECT_EQ(test::describe(error), "2 From " + app("a") + " to " + app("b") + " and /known");
 }
 
 TEST_F(Area, OpensAFileThroughLinksThatStayInside) {

@@ -316,6 +316,49 @@ TEST_F(Entry, ThatIsADirectoryCanBeWorkedIn) {
     EXPECT_EQ(describe(error), file_error("Failed to get working directory: No such file or directory"));
 }
 
+TEST_F(Entry, ThatWasEnteredIsLeftAgain) {
+    const test::ScopedWorkingDirectory here(directory.path());
+    WorkingDirectory working_directory;
+    EXPECT_TRUE(working_directory.remember(error));
+    EXPECT_FALSE(working_directory.enter(file, error));
+    EXPECT_EQ(describe(error), file_error("Failed changing directory to " + file + ": Not a directory"));
+    EXPECT_EQ(fs::current_path(), directory.path());
+    error.clear();
+    EXPECT_TRUE(working_directory.enter(sub, error));
+    EXPECT_EQ(fs::current_path(), sub);
+    EXPECT_TRUE(working_directory.leave(error));
+    EXPECT_EQ(fs::current_path(), directory.path());
+    EXPECT_TRUE(working_directory.leave(error));
+}
+
+TEST_F(Entry, ThatWasEnteredIsLeftAtTheEndOfTheScope) {
+    const test::ScopedWorkingDirectory here(directory.path());
+    {
+        WorkingDirectory working_directory;
+        EXPECT_TRUE(working_directory.remember(error) && working_directory.enter(sub, error));
+        EXPECT_EQ(fs::current_path(), sub);
+    }
+    EXPECT_EQ(fs::current_path(), directory.path());
+}
+
+TEST_F(Entry, ThatWasEnteredIsLeftAlsoForADirectoryThatIsGone) {
+    const test::ScopedWorkingDirectory here(directory.path());
+    EXPECT_TRUE(change_dir(sub, error));
+    fs::remove(sub);
+    struct stat before {};
+    struct stat after {};
+    EXPECT_EQ(stat(".", &before), 0);
+    WorkingDirectory working_directory;
+    EXPECT_TRUE(working_directory.remember(error) && working_directory.enter(directory.path(), error));
+    EXPECT_TRUE(working_directory.leave(error));
+    EXPECT_EQ(stat(".", &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST_F(Entry, IsNotEnteredBeforeTheWayBackIsKnown) {
+    EXPECT_DEATH((void)WorkingDirectory().enter(sub, error), "`former_' failed");
+}
+
 // --- Path texts ---
 
 TEST(PathText, IsSplitAtItsLastSlash) {
