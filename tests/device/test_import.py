@@ -11,14 +11,12 @@ from typing import Any
 
 import pytest
 import store_support as support
-from setups import program
 from store_support import STATES, STORE, Import
 from velkdevice import package
 from velkdevice.device import Device
 
 PATH = "/tmp/packages/App.vlp"
 SUCCESS = (0, "Successfully imported application 'App'\n")
-UNSIGNED = "Unsigned package, skipping signature verification\n"
 INVALID = (1, "code 1: Invalid application package\n")
 USAGE = """
 Usage: velkctl import [OPTIONS] PATH
@@ -565,95 +563,3 @@ def test_a_reader_of_the_log_that_goes_away_ends_nothing(device: Device) -> None
     script = 'mkfifo /tmp/log && { true </tmp/log & exec 2>/tmp/log; wait; rm /tmp/log; velkctl import "$1"; }'
     assert device.sh(script, path).status == 0
     assert "App" in support.store_entries(device)
-
-
-# --- what happens to an import on its way ---
-
-
-@pytest.mark.parametrize(
-    ("arrangement", "text"),
-    [
-        ("mount -t tmpfs none /proc", "Cannot read mount points"),
-        (
-            "mount -t tmpfs none /proc && : >/proc/mounts",
-            "Mount entry for /var/spool/storage/SD_DISK not found in /proc/mounts",
-        ),
-    ],
-)
-@pytest.mark.usefixtures("unsigned_allowed")
-def test_a_card_of_which_the_system_tells_nothing(device: Device, arrangement: str, text: str) -> None:
-    path = support.put(device, support.simple_package(sign=False))
-    card = "mount -t tmpfs none /var/spool/storage && mkdir /var/spool/storage/SD_DISK"
-    command = f'{card} && {arrangement} && exec velkctl import "$1" sd_card1'
-    result = device.run(["unshare", "--mount", "sh", "-c", command, "sh", path])
-    message = f"code 10: src/store/store-layout.cpp:N: {text}\n"
-    assert support.outcome(result) == (10, UNSIGNED + message)
-    support.is_nowhere(device)
-
-
-@pytest.mark.usefixtures("unsigned_allowed")
-def test_a_store_that_cannot_be_listed(device: Device) -> None:
-    path = support.put(device, support.simple_package(sign=False))
-    command = f"""
-        mount -t tmpfs -o mode=0300,uid=nobody none {STORE} &&
-        exec setpriv --reuid nobody --clear-groups velkctl import "$1"
-    """
-    result = device.run(["unshare", "--mount", "sh", "-c", command, "sh", path])
-    message = f"code 10: src/store/velkctl-import.cpp:N: Failed to open store path {STORE}: Permission denied\n"
-    assert support.outcome(result) == (10, UNSIGNED + message)
-
-
-def test_data_that_is_emptied_behind_its_verification(device: Device, run_import: Import) -> None:
-    path = support.put(device, support.simple_package())
-    with program(device, "gpgv", '"$REAL" "$@" || exit\nfor data; do :; done\n: >"$data"\n') as env:
-        found = support.outcome(device.velkctl("import", path, env=env))
-    text = "Failed to validate space for unpacking archive, uncompressed size is 0"
-    assert found == (10, f"code 10: src/store/store-layout.cpp:N: {text}\n")
-    support.is_nowhere(device)
-
-
-@pytest.mark.usefixtures("unsigned_allowed")
-def test_a_file_system_that_does_not_tell_its_room(device: Device) -> None:
-    path = support.put(device, support.simple_package(sign=False))
-    command = ["systemd-run", "--quiet", "--collect", "--pipe", "--wait", "-p", "SystemCallFilter=~statfs fstatfs",
-               "-p", "SystemCallErrorNumber=EIO", "-E", "ASAN_OPTIONS", "-E", "LLVM_PROFILE_FILE"]  # fmt: skip
-    result = device.run([*command, "velkctl", "import", path])
-    text = f"Failed to get filesystem stats for {STORE}/App.tmp: Input/output error"
-    assert support.outcome(result) == (10, f"{UNSIGNED}code 10: src/store/store-layout.cpp:N: {text}\n")
-    support.is_nowhere(device)
-
-
-def test_data_that_cannot_be_deleted_is_only_told(device: Device) -> None:
-    path = support.put(device, support.simple_package())
-    script = '"$REAL" "$@" || exit\nfor data; do :; done\nmount --bind "$data" "$data"\n'
-    with program(device, "gpgv", script) as env:
-        result = device.run(["unshare", "--mount", "velkctl", "import", path], env=env)
-    [left] = support.temporaries(device)
-    device.sh("rm /tmp/velkctl_*").check()
-    told = f"Failed to delete /tmp/{left}: Device or resource busy\n"
-    assert support.outcome(result) == (0, told + SUCCESS[1])
-
-
-@pytest.mark.parametrize(
-    ("location", "place", "text"),
-    [
-        ("internal", "App", f"Failed renaming file: {STORE}/App.tmp: errno Directory not empty"),
-        (
-            "sd_card1",
-            "App/lower",
-            f"Failed renaming file {support.CARD}/App.tmp to {support.CARD}/App/lower: Directory not empty",
-        ),
-    ],
-)
-def test_a_place_that_is_taken_while_the_package_is_unpacked(
-    device: Device, card: Callable[..., None], location: str, place: str, text: str
-) -> None:
-    card()
-    path = support.put(device, support.simple_package())
-    script = f'"$REAL" "$@" && mkdir -p ../{place} && echo mine >../{place}/file\n'
-    with program(device, "su", script) as env:
-        found = support.outcome(device.velkctl("import", path, location, env=env))
-    root = support.CARD if location == "sd_card1" else STORE
-    assert found == (10, f"code 10: src/store/store-layout.cpp:N: {text}\n")
-    assert device.read(f"{root}/{place}/file") == "mine\n"
-    assert not device.exists(f"{root}/App.tmp")

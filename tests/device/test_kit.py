@@ -1,4 +1,8 @@
-"""The kit itself: nothing that happens on a device reaches the host, and a device is what it claims to be."""
+"""
+The kit itself: nothing that happens on a device reaches the host, and a device is what it claims to be.
+
+Long, since it lists the ways out.
+"""
 
 from __future__ import annotations
 

@@ -1,4 +1,8 @@
-"""The device as the camera that it stands for: what its image brings, its web server and its two services."""
+"""
+The device as the camera that it stands for: what its image brings, its web server and its two services.
+
+Long, since it is the list of what a camera must be for velkctl.
+"""
 
 from __future__ import annotations
 

@@ -1,4 +1,8 @@
-"""A booted device: commands, files, reboots, cards, and an end that leaves nothing on the host."""
+"""
+A booted device: commands, files, reboots, cards, and an end that leaves nothing on the host.
+
+One long module, since all of it stands on what was opened when the device was booted: its root, its namespaces, its cgroup.
+"""
 
 from __future__ import annotations
 
