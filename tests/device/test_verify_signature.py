@@ -218,8 +218,11 @@ def test_a_missing_package_is_refused(device: Device) -> None:
 def test_a_directory_is_refused(device: Device) -> None:
     device.sh("mkdir -p /tmp/packages/App.vlp").check()
     status, log = support.outcome(device.velkctl("verify-signature", PATH))
-    # The file system decides how far one can seek in a directory, and so what the reading says.
-    assert (status, log.rpartition(": ")[0]) == (2, "code 2: Failed reading 8B for the magic"), log
+    # The file system decides how far one can seek in a directory, if at all, and so what the reading says.
+    assert (status, log.rpartition(": ")[0]) in (
+        (2, "code 2: Failed reading 8B for the magic"),
+        (1, "code 1: fseek(SEEK_END) failed"),
+    ), log
 
 
 def test_a_pipe_is_refused_and_not_waited_for(device: Device) -> None:

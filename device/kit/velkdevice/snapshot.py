@@ -23,6 +23,8 @@ EXCLUDED = {
     "/run/httpd": "the web server's process id and shared memory change with each reload",
     "/run/lock": "locks of passing programs",
     "/run/mount": "notes of mount(8)",
+    "/etc/.updated": "notes of the boot that it has seen this /usr, in newer releases",
+    "/var/.updated": "the same",
     "/var/log": "logs",
     "/var/lib/systemd": "stamps of timers, and the random seed",
     "/var/cache/ldconfig": "a cache",
