@@ -603,8 +603,10 @@ def _make_run_folder(folder: Path, cgroup: str) -> int:
     """Make a device's folder and return the held lock that says it is alive."""
     (folder / "mnt").mkdir(parents=True)
     (folder / "cgroup").write_text(cgroup, encoding="utf-8")
-    lock = os.open(folder / "alive", os.O_CREAT | os.O_RDWR | os.O_CLOEXEC, 0o600)
+    # It is held before it has its name: a sweep of another process must not find it free.
+    lock = os.open(folder / "alive.new", os.O_CREAT | os.O_RDWR | os.O_CLOEXEC, 0o600)
     fcntl.flock(lock, fcntl.LOCK_EX)
+    os.rename(folder / "alive.new", folder / "alive")
     return lock
 
 
