@@ -17,6 +17,7 @@ from velkdevice.device import Device
 
 PATH = "/tmp/packages/App.vlp"
 SUCCESS = (0, "Successfully imported application 'App'\n")
+UNSIGNED = "Unsigned package, skipping signature verification\n"
 INVALID = (1, "code 1: Invalid application package\n")
 USAGE = """
 Usage: velkctl import [OPTIONS] PATH
