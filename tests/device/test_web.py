@@ -195,7 +195,7 @@ def test_a_page_that_goes_while_rules_are_made_has_none_and_is_told(workshop: De
         result = held.let_go()
     told = without_place(result.stderr).splitlines()
     known = [name for name in pages if f'"{name}"' in workshop.read(RULES)]
-    assert len(known) == 1  # the one that it had in its hands
+    assert len(known) <= 1  # the one that it had in its hands, if it had one already
     gone = "Failed to add Apache permission configs for file {}/{}, file does not exist"
     assert (result.status, sorted(told)) == (0, sorted([
         *(gone.format(html, name) for name in pages if name not in known), "Successfully set up application Sample"]))
