@@ -52,6 +52,7 @@ inline constexpr const char* kUserRuntimes = "/var/run/user";
 inline constexpr const char* kMounts = "/proc/mounts";
 inline constexpr const char* kUsr = "/usr";
 inline constexpr const char* kShell = "/bin/sh";
+inline constexpr const char* kPigz = "/usr/bin/pigz";
 inline constexpr const char* kNullDevice = "/dev/null";
 inline constexpr const char* kProcesses = "/proc";
 inline constexpr const char* kOwnDescriptors = "/proc/self/fd";

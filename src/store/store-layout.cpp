@@ -139,18 +139,19 @@ class Staging {
 
 }  // namespace
 
-/** Check that the unpacked archive fits beside what is at `path`. */
-static bool check_room(const std::string& data, const std::string& path, VelkctlError** error) {
+/** The bytes that the archive unpacks to; 0 with an error. */
+static uint64_t measure(const std::string& data, VelkctlError** error) {
     ErrorSlot measuring;
     const uint64_t size = uncompressed_size(data, measuring);
-    if (measuring.is_set()) {
+    if (measuring.is_set())
         measuring.move_to(error);
-        return false;
-    }
-    if (size == 0) {
+    else if (size == 0)
         SET_GENERAL_ERROR(error, "Failed to validate space for unpacking archive, uncompressed size is 0");
-        return false;
-    }
+    return size;
+}
+
+/** Check that so many bytes fit beside what is at `path`. */
+static bool check_room(uint64_t size, const std::string& path, VelkctlError** error) {
     struct statvfs room {};
     if (statvfs(path.c_str(), &room) != 0) {
         SET_GENERAL_ERROR(error, "Failed to get filesystem stats for %s: %s", path.c_str(),
@@ -160,8 +161,9 @@ static bool check_room(const std::string& data, const std::string& path, Velkctl
     return check_space(size, uint64_t{room.f_bavail} * room.f_frsize, error);
 }
 
-/** Unpack into the working directory, without any right that an archive could misuse. */
-static bool unpack(const std::string& data, VelkctlError** error) {
+/** Unpack `size` bytes into the working directory, without any right that an archive could misuse. */
+static bool unpack(const std::string& data, uint64_t size, VelkctlError** error) {
+    const FasterGzip faster(is_single_gzip(data, size));
     ErrorSlot reason;
     std::string output;
     const int status = run_command_with_output(
@@ -183,10 +185,13 @@ static bool unpack(const std::string& data, VelkctlError** error) {
 
 static bool unpack_into(const std::string& directory, const std::string& data, VelkctlError** error) {
     WorkingDirectory working_directory;
-    if (!working_directory.remember(error) || !check_room(data, directory, error) ||
-        !set_owner(directory, kUnpackingUser, kKeepGroup, error))
+    if (!working_directory.remember(error))
         return false;
-    return working_directory.enter(directory, error) && unpack(data, error) && working_directory.leave(error);
+    const uint64_t size = measure(data, error);
+    return size != 0 && check_room(size, directory, error) &&
+           set_owner(directory, kUnpackingUser, kKeepGroup, error) &&
+           working_directory.enter(directory, error) && unpack(data, size, error) &&
+           working_directory.leave(error);
 }
 
 // While the control files are handled the directory is root's, so that no other process of the unpacking user

@@ -8,28 +8,62 @@
 #include <zlib.h>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "base/handles.h"
+#include "base/paths.h"
 #include "system/file.h"
 
 static constexpr size_t kMemberLimit = 16 << 20;
 static constexpr int kTarGarbageBehindData = 2;
+static constexpr const char* kTarOptions = "TAR_OPTIONS";
+static constexpr std::string_view kGzipMagic = "\x1f\x8b";
 static constexpr unsigned kGzipBuffer = 128 << 10;
 static constexpr unsigned kGzipBlock = 4096;
 
-bool has_package_magic(const std::string& path) {
+/** So many of a file's last bytes, or of its first ones; none of a file that has fewer. */
+static std::string bytes_at(const std::string& path, int whence, size_t count) {
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    unsigned char tail[8];
-    const off_t size = lseek(fd.get(), 0, SEEK_END);
-    if (size < static_cast<off_t>(sizeof tail) ||
-        pread(fd.get(), tail, sizeof tail, size - static_cast<off_t>(sizeof tail)) != sizeof tail)
-        return false;
-    uint64_t magic = 0;
-    for (const unsigned char byte : tail)
-        magic = magic << 8 | byte;
-    return magic == PACKAGE_MAGIC;
+    const off_t from_end = whence == SEEK_END ? -static_cast<off_t>(count) : 0;
+    const off_t start = lseek(fd.get(), from_end, whence);
+    std::string bytes(count, '\0');
+    if (start < 0 || pread(fd.get(), bytes.data(), count, start) != static_cast<ssize_t>(count))
+        bytes.clear();
+    return bytes;
 }
+
+bool has_package_magic(const std::string& path) {
+    const std::string tail = bytes_at(path, SEEK_END, sizeof PACKAGE_MAGIC);
+    uint64_t magic = 0;
+    std::memcpy(&magic, tail.data(), tail.size());
+    return GUINT64_FROM_BE(magic) == PACKAGE_MAGIC;
+}
+
+// --- gzip ---
+
+static bool is_gzip(const std::string& path) {
+    return bytes_at(path, SEEK_SET, kGzipMagic.size()) == kGzipMagic;
+}
+
+bool is_single_gzip(const std::string& path, uint64_t size) {
+    uint32_t last = 0;
+    const std::string tail = bytes_at(path, SEEK_END, sizeof last);
+    std::memcpy(&last, tail.data(), tail.size());
+    return is_gzip(path) && GUINT32_FROM_LE(last) == static_cast<uint32_t>(size);
+}
+
+FasterGzip::FasterGzip(bool wanted)
+    : is_set_(wanted && access(paths::kPigz, X_OK) == 0 && !g_getenv(kTarOptions) &&
+              g_setenv(kTarOptions, (std::string("--use-compress-program=") + paths::kPigz).c_str(), FALSE)) {
+}
+
+FasterGzip::~FasterGzip() {
+    if (is_set_)
+        g_unsetenv(kTarOptions);
+}
+
+// --- Members ---
 
 namespace {
 
@@ -95,6 +129,7 @@ std::optional<std::string> read_tar_member(const std::string& archive, const std
     // In a signed package the signature follows the gzip stream: tar prints the member, then complains about
     // the rest.
     const bool garbage_expected = has_package_magic(archive);
+    const FasterGzip faster(garbage_expected && is_gzip(archive));
     for (const std::string& name : {member, "./" + member}) {
         std::optional<TarResult> result = run_tar(archive, name, error);
         if (!result)
@@ -107,6 +142,8 @@ std::optional<std::string> read_tar_member(const std::string& archive, const std
     velkctl_error_set(error, VELKCTL_ERROR_INVALID_PACKAGE, "Invalid application package");
     return std::nullopt;
 }
+
+// --- Sizes ---
 
 uint64_t uncompressed_size(const std::string& path, VelkctlError** error) {
     const std::unique_ptr<gzFile_s, ReleaseWith<gzclose_r>> file(gzopen(path.c_str(), "rbe"));

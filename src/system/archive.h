@@ -13,6 +13,29 @@ inline constexpr uint64_t PACKAGE_MAGIC = 0x658D14AB4207AAC6;
 [[nodiscard]] bool has_package_magic(const std::string& path);
 
 /**
+ * Whether the file is a single gzip stream of `size` bytes with nothing behind it, by its first and its last
+ * bytes (RFC 1952: the magic number, and ISIZE, the size modulo 2^32).
+ */
+[[nodiscard]] bool is_single_gzip(const std::string& path, uint64_t size);
+
+/**
+ * While it lives, each tar that is started unpacks gzip with pigz where the device has one: in half the time.
+ *
+ * Meant for files of which the two say the same only: at what stands behind the stream gzip lets tar fail,
+ * while pigz says nothing. Works by TAR_OPTIONS, and not when that is set already.
+ */
+class FasterGzip {
+  public:
+    explicit FasterGzip(bool wanted);
+    FasterGzip(const FasterGzip&) = delete;
+    FasterGzip& operator=(const FasterGzip&) = delete;
+    ~FasterGzip();
+
+  private:
+    bool is_set_;
+};
+
+/**
  * The contents of one member of a package, or of one file of an unpacked application when `archive` is a
  * directory. A member stored with "./" before its name is found too.
  *

@@ -21,7 +21,7 @@ PLACES = {
 }
 NOT_LOOKED_AT = ["/run/systemd", "/run/log", "/run/udev", "/run/dbus", "/run/lock", "/run/mount", "/run/httpd",
                  "/var/log", "/tmp/hostile", "/var/lib/orvo-cards", "/tmp/systemd-private-*", "/etc/velk/vsf/App", STORE + "/_lock"]  # fmt: skip
-PROGRAMS = {"velkctl", "su", "sh", "tar", "gzip", "gpgv", "chattr", "cp", "rm"}
+PROGRAMS = {"velkctl", "su", "sh", "tar", "gzip", "pigz", "gpgv", "chattr", "cp", "rm"}
 NOBODY = 65534
 CONTROL_FILES = [
     f"{place}{name}" for place in ("", "lower/", "upper/") for name in ("manifest.json", "package.conf")

@@ -11,6 +11,7 @@ import ast
 import re
 import zlib
 from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -93,6 +94,46 @@ def test_a_hostile_archive_ends_as_it_must_and_stays_inside(imported: dict[str, 
     assert found.outcome == case.outcome
     assert found.tree == expected_tree(case, found.tree)
     assert (harm(found), found.removal, found.remains) == ([], removal, [])
+
+
+# --- with and without pigz ---
+
+
+@contextmanager
+def pigz_replaced(device: Device, script: str | None) -> Iterator[None]:
+    """With this script in the place of pigz, or with nothing there; it stays on the device as pigz.real."""
+    device.sh("mv /usr/bin/pigz /usr/bin/pigz.real").check()
+    try:
+        if script is not None:
+            device.write("/usr/bin/pigz", f"#!/bin/sh\n{script}", mode=0o755)
+        yield
+    finally:
+        device.sh("mv /usr/bin/pigz.real /usr/bin/pigz").check()
+
+
+def test_a_device_without_pigz_says_the_same_of_every_stream(device: Device, tmp_path: Path) -> None:
+    cases = hostile_archives.streams()
+    with pigz_replaced(device, None):
+        found = import_all(device, cases, "internal", tmp_path)
+    for name, case in cases.items():
+        assert (name, found[name].outcome) == (name, case.outcome)
+        assert (name, found[name].tree) == (name, expected_tree(case, found[name].tree))
+        assert (name, harm(found[name]), found[name].remains) == (name, [], [])
+
+
+def test_pigz_unpacks_where_it_is(device: Device, tmp_path: Path) -> None:
+    """For the look into a signed package, and for the files of a single stream; not where it would pass over rubbish."""
+    streams = hostile_archives.streams()
+    calls = {"two signed streams joined": 1, "a stream with facts in its header": 1, "a stream and rubbish": 0}
+    script = 'echo "$*" >>/tmp/pigz-calls\nexec /usr/bin/pigz.real "$@"\n'
+    for number, (name, count) in enumerate(calls.items()):
+        folder = tmp_path / str(number)
+        folder.mkdir()
+        device.sh(">/tmp/pigz-calls; chmod 666 /tmp/pigz-calls").check()
+        with pigz_replaced(device, script):
+            import_all(device, {name: streams[name]}, "internal", folder)
+        assert (name, device.read("/tmp/pigz-calls").splitlines()) == (name, ["-d"] * count)
+    device.sh("rm /tmp/pigz-calls").check()
 
 
 # --- the other locations ---

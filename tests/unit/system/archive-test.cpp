@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 
 #include "support.h"
@@ -179,6 +180,45 @@ TEST_F(Archive, KnowsNoMagicElsewhere) {
     test::write_text(directory / "empty", "");
     for (const char* name : {"short", "behind", "empty", "absent", "app"})
         EXPECT_FALSE(has_package_magic(directory / name)) << name;
+}
+
+TEST_F(Archive, KnowsASingleGzipStreamByItsSize) {
+    const uint64_t size = fs::file_size(pack("", "manifest.json"));
+    EXPECT_FALSE(is_single_gzip(directory / "package.vlp", size));
+    const std::string archive = pack("-z", "manifest.json");
+    EXPECT_TRUE(is_single_gzip(archive, size));
+    EXPECT_TRUE(is_single_gzip(archive, size + (uint64_t{1} << 32)));  // only so much of it is in the file
+    EXPECT_FALSE(is_single_gzip(archive, size + 1));
+}
+
+TEST_F(Archive, KnowsNoSingleGzipStreamWithSomethingBehindIt) {
+    const uint64_t size = fs::file_size(pack("", "manifest.json"));
+    const std::string stream = test::read_text(pack("-z", "manifest.json"));
+    for (const std::string& behind : {std::string("x"), std::string(512, '\0'), kTrailer}) {
+        test::write_text(directory / "more", stream + behind);
+        EXPECT_FALSE(is_single_gzip(directory / "more", size)) << behind.size();
+    }
+    test::write_text(directory / "twice", stream + stream);
+    EXPECT_FALSE(is_single_gzip(directory / "twice", 2 * size));
+    for (const char* name : {"absent", "app"})
+        EXPECT_FALSE(is_single_gzip(directory / name, size)) << name;
+}
+
+TEST(FasterGzip, IsAskedOfTarWhileItIsWanted) {
+    ASSERT_FALSE(std::getenv("TAR_OPTIONS"));
+    {
+        const FasterGzip faster(true);
+        EXPECT_STREQ(std::getenv("TAR_OPTIONS"), "--use-compress-program=/usr/bin/pigz");
+    }
+    EXPECT_FALSE(std::getenv("TAR_OPTIONS"));
+    const FasterGzip not_wanted(false);
+    EXPECT_FALSE(std::getenv("TAR_OPTIONS"));
+}
+
+TEST(FasterGzip, LeavesOptionsThatAreThereAlone) {
+    const test::ScopedVariable variable("TAR_OPTIONS", "--quiet-please");
+    { const FasterGzip faster(true); }
+    EXPECT_STREQ(std::getenv("TAR_OPTIONS"), "--quiet-please");
 }
 
 TEST_F(Archive, TellsItsUncompressedSize) {
