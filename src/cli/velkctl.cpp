@@ -128,7 +128,7 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, [](int) {});
     const int status = run(argc, argv);
     // An answer that could not be written, on a full disk for instance, must not look like one.
-    if (std::fflush(stdout) != 0 && status == EXIT_SUCCESS) {
+    if ((std::ferror(stdout) != 0 || std::fflush(stdout) != 0) && status == EXIT_SUCCESS) {
         _log_error_code(VELKCTL_ERROR_GENERAL, "%s:%d: Failed writing to standard output: %s", __FILE__,
                         __LINE__, system_error_text().c_str());
         return VELKCTL_ERROR_GENERAL;

@@ -355,7 +355,7 @@ int main(int argc, char** argv) {
     // A program that ends while it is being fed is told by its status.
     std::signal(SIGPIPE, SIG_IGN);
     const int status = run(argc, argv);
-    if (std::fflush(stdout) != 0 && status == EXIT_SUCCESS) {
+    if ((std::ferror(stdout) != 0 || std::fflush(stdout) != 0) && status == EXIT_SUCCESS) {
         std::fprintf(stderr, "velk-pack: standard output: %s\n", system_error_text().c_str());
         return VELKCTL_ERROR_GENERAL;
     }

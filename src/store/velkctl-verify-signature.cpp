@@ -17,6 +17,7 @@
 #include "store/velkctl-vsf.h"
 #include "system/file.h"
 #include "system/key-file.h"
+#include "system/regex.h"
 #include "system/subprocess.h"
 
 using OptionalPath = std::optional<std::string>;
@@ -24,6 +25,13 @@ using OptionalPath = std::optional<std::string>;
 // Callers and their operators know this operation by this name.
 static constexpr const char* kOperation = "velkctl_split_package_verify_signature";
 static constexpr size_t kReadBuffer = 128 << 10;
+/** More than any signature takes. */
+static constexpr uint32_t kSignatureTextLimit = 1 << 20;
+/** The whole of an armoured signature (RFC 4880, section 6.2): headers, a blank line, lines of radix 64, a sum. */
+static constexpr const char* kArmouredSignature =
+    R"(^-----BEGIN PGP SIGNATURE-----[ \t]*\r?\n(?:[\w-]++: [^\r\n]*+\r?\n)*+[ \t]*\r?\n)"
+    R"((?:[A-Za-z0-9+\/]++={0,2}[ \t]*\r?\n)++(?:=[A-Za-z0-9+\/]{4}[ \t]*\r?\n)?)"
+    R"(-----END PGP SIGNATURE-----\s*+$)";
 
 /** The temporary files of one verification, empty for one that was not made. */
 struct Temporaries {
@@ -89,28 +97,35 @@ static int accept_unsigned_package(const char* appname, const char* path, Option
     return remove_vsf(appname, error) ? 0 : -1;
 }
 
+static void set_no_openpgp(VelkctlError** error) {
+    velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Bad signature, no valid OpenPGP data found");
+}
+
 static bool run_gpgv(const Temporaries& made, VelkctlError** error) {
     const int status = run_command(nullptr, "gpgv --ignore-time-conflict --keyring '%s' '%s' '%s' 2>&1",
                                    {paths::kKeyring, made.signature.c_str(), made.data.c_str()});
     if (status == 1)
         velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Bad signature, doesn't match keyring");
     else if (status != 0)
-        velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Bad signature, no valid OpenPGP data found");
+        set_no_openpgp(error);
     return status == 0;
 }
 
-// gpgv reads an armoured signature up to its last line, or up to what stands in the place of that line, and
-// takes whatever follows for nothing.
-static bool refuse_junk_behind(const std::string& signature, VelkctlError** error) {
-    static constexpr std::string_view last_line = "-----END PGP SIGNATURE-----";
-    if (signature.find("-----BEGIN PGP ") == std::string::npos)
-        return true;
-    const size_t place = signature.rfind(last_line);
-    if (place != std::string::npos &&
-        signature.find_first_not_of(" \t\r\n", place + last_line.size()) == std::string::npos)
-        return true;
-    velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Bad signature, no valid OpenPGP data found");
-    return false;
+// gpgv passes over whatever stands around an armoured signature, and before its last line. All of it would go
+// into the record, and be read by every listing.
+static std::optional<std::string> read_signature(const std::string& path, uint32_t size,
+                                                 VelkctlError** error) {
+    if (size > kSignatureTextLimit) {
+        set_no_openpgp(error);
+        return std::nullopt;
+    }
+    std::optional<std::string> text = read_file(path, error);
+    ErrorSlot mismatch;
+    if (!text || text->find("-----BEGIN PGP ") == std::string::npos ||
+        check_regex(kArmouredSignature, *text, mismatch))
+        return text;
+    set_no_openpgp(error);
+    return std::nullopt;
 }
 
 /** The text of the signature when it is good; `made` tells which files were made, also on failure. */
@@ -122,8 +137,7 @@ static std::optional<std::string> split_and_verify(std::FILE* package, const cha
         !copy_package_data(package, trailer, path, paths::kTemporaryData, &made->data, error) ||
         !run_gpgv(*made, error))
         return std::nullopt;
-    std::optional<std::string> text = read_file(made->signature, error);
-    return text && refuse_junk_behind(*text, error) ? text : std::nullopt;
+    return read_signature(made->signature, trailer.signature_size, error);
 }
 
 /** Hand a temporary file out when its slot is given, else delete it. */

@@ -200,6 +200,16 @@ def refused_signatures(data: bytes) -> dict[str, tuple[bytes, tuple[int, str]]]:
             package.append_signature(data, b"-----BEGIN PGP SIGNATURE-----\n\n-----END PGP SIGNATURE-----\n"), NOT_OPENPGP),
         "a blank signature": (package.append_signature(data, b"\n"), NOT_OPENPGP),
         "text behind the signature": (package.append_signature(data, signature + b"and more\n"), NOT_OPENPGP),
+        "text behind the signature that ends like one": (
+            package.append_signature(data, signature + b"and more\n-----END PGP SIGNATURE-----\n"), NOT_OPENPGP),
+        "text before the signature's last line": (
+            package.append_signature(data, signature.replace(b"-----END", b"more\n-----END")), NOT_OPENPGP),
+        "text in front of the signature": (package.append_signature(data, b"more\n" + signature), NOT_OPENPGP),
+        "very many blank lines behind the signature": (
+            package.append_signature(data, signature + b"\n" * (1 << 20)), NOT_OPENPGP),
+        "a comment of a megabyte in the signature": (
+            package.append_signature(data, signature.replace(b"-----\n", b"-----\nComment: " + b"x" * (1 << 20) + b"\n", 1)),
+            NOT_OPENPGP),
         "bytes behind the signature": (package.append_signature(data, signature + bytes(range(256))), NOT_OPENPGP),
         "bytes behind a binary signature": (package.append_signature(data, binary + b"and more"), NOT_OPENPGP),
         "text in the place of the last line": (

@@ -99,8 +99,13 @@ def test_the_log_goes_to_the_system_log_on_request(device: Device) -> None:
     assert logged() == [f"code 10: Unknown command '{word}'"]
 
 
-def test_an_answer_that_cannot_be_written_is_no_success(device: Device) -> None:
-    result = device.sh("velkctl help >/dev/full")
+@pytest.mark.parametrize("count", [1, 40])
+def test_an_answer_that_cannot_be_written_is_no_success(device: Device, count: int) -> None:
+    """Whether it waits to be written to the end, or fails before since it is long."""
+    device.sh("for i in $(seq $1); do mkdir /usr/local/packages/$(printf %0200d $i); done; "
+              "for i in /usr/local/packages/0*; do echo x >$i/package.conf; done", str(count)).check()  # fmt: skip
+    result = device.sh("velkctl list --legacy-apps >/dev/full")
+    device.sh("rm -r /usr/local/packages/0*").check()
     assert result.status == 10
     assert result.stderr.endswith(": Failed writing to standard output: No space left on device\n")
 

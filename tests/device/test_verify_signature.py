@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import functools
 import gzip
+import re
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
@@ -122,6 +123,23 @@ def test_keys_of_either_kind_pass(
     rsa = package.Key.named("rsa", "rsa2048")
     trusting(rsa)
     assert verify(support.signed(DATA, rsa)) == SUCCESS
+
+
+@pytest.mark.parametrize(
+    "written",
+    {
+        "other line ends": lambda text: text.replace(b"\n", b"\r\n"),
+        "headers": lambda text: text.replace(b"-----\n", b"-----\nVersion: 1\nComment: on a: b, and c\n", 1),
+        "blanks behind it": lambda text: text + b" \n\n",
+        "no last line end": lambda text: text.rstrip(b"\n"),
+        "no sum": lambda text: re.sub(rb"\n=[\w+/]{4}\n", b"\n", text),
+    }.items(),
+    ids=lambda item: item[0],
+)
+def test_an_armour_as_programs_write_it(
+    verify: Callable[..., tuple[int, str]], written: tuple[str, Callable[[bytes], bytes]]
+) -> None:
+    assert verify(package.append_signature(DATA, written[1](package.Key.trusted().sign(DATA)))) == SUCCESS
     assert verify(good()) == SUCCESS
 
 
