@@ -84,6 +84,13 @@ static bool flush_tree(const std::string& path, VelkctlError** error) {
     return false;
 }
 
+// An archive may hold several members of that name, and the one that is found first need not be the one that
+// stays; and another package may have taken this one's place since its manifest was read.
+static bool check_manifest(const std::string& directory, const json_t* manifest, VelkctlError** error) {
+    const JsonPtr unpacked(json_load_file((directory + "/" + kControlFiles[0]).c_str(), 0, nullptr));
+    return (unpacked && json_equal(unpacked.get(), manifest)) || set_invalid_package(error);
+}
+
 // --- Layer files ---
 
 /** Write a control file of a layer, over one that an import left when it failed later on. */
@@ -99,7 +106,7 @@ static bool write_layer_control_file(const std::string& layer_file, const std::s
 }
 
 bool lay_out_layer(const std::string& app, const StoreLocation& location, const std::string& data,
-                   VelkctlError** error) {
+                   const json_t* manifest, VelkctlError** error) {
     const std::string directory = store_path(app, &location);
     const std::string layer_file = directory + "/lower.vlp";
     const std::string layer_directory = directory + "/" + location.subdir;
@@ -114,7 +121,8 @@ bool lay_out_layer(const std::string& app, const StoreLocation& location, const 
     for (const char* name : kControlFiles)
         if (!write_layer_control_file(layer_file, name, layer_directory + "/" + name, error))
             return false;
-    return flush_tree(directory, error) && flush_path(location.path, error);
+    return check_manifest(layer_directory, manifest, error) && flush_tree(directory, error) &&
+           flush_path(location.path, error);
 }
 
 // --- Directories ---
@@ -139,15 +147,24 @@ class Staging {
 
 }  // namespace
 
-/** The bytes that the archive unpacks to; 0 with an error. */
-static uint64_t measure(const std::string& data, VelkctlError** error) {
+/** What measuring an archive found. */
+struct Measured {
+    uint64_t size = 0;  ///< of what it unpacks to, in bytes
+    bool is_single_gzip = false;
+};
+
+/** Nothing when the archive cannot be measured or has nothing in it. */
+static std::optional<Measured> measure(const std::string& data, VelkctlError** error) {
+    const std::optional<uint64_t> single = single_gzip_size(data);
     ErrorSlot measuring;
-    const uint64_t size = uncompressed_size(data, measuring);
+    const uint64_t size = single ? *single : uncompressed_size(data, measuring);
+    if (size != 0)
+        return Measured{size, single.has_value()};
     if (measuring.is_set())
         measuring.move_to(error);
-    else if (size == 0)
+    else
         SET_GENERAL_ERROR(error, "Failed to validate space for unpacking archive, uncompressed size is 0");
-    return size;
+    return std::nullopt;
 }
 
 /** Check that so many bytes fit beside what is at `path`. */
@@ -161,9 +178,9 @@ static bool check_room(uint64_t size, const std::string& path, VelkctlError** er
     return check_space(size, uint64_t{room.f_bavail} * room.f_frsize, error);
 }
 
-/** Unpack `size` bytes into the working directory, without any right that an archive could misuse. */
-static bool unpack(const std::string& data, uint64_t size, VelkctlError** error) {
-    const FasterGzip faster(is_single_gzip(data, size));
+/** Unpack into the working directory, without any right that an archive could misuse. */
+static bool unpack(const std::string& data, bool is_single_gzip, VelkctlError** error) {
+    const TarGzip gzip(data, is_single_gzip);
     ErrorSlot reason;
     std::string output;
     const int status = run_command_with_output(
@@ -187,10 +204,10 @@ static bool unpack_into(const std::string& directory, const std::string& data, V
     WorkingDirectory working_directory;
     if (!working_directory.remember(error))
         return false;
-    const uint64_t size = measure(data, error);
-    return size != 0 && check_room(size, directory, error) &&
+    const std::optional<Measured> measured = measure(data, error);
+    return measured && check_room(measured->size, directory, error) &&
            set_owner(directory, kUnpackingUser, kKeepGroup, error) &&
-           working_directory.enter(directory, error) && unpack(data, size, error) &&
+           working_directory.enter(directory, error) && unpack(data, measured->is_single_gzip, error) &&
            working_directory.leave(error);
 }
 
@@ -230,13 +247,6 @@ static bool move_to_place(const std::string& staging, const std::string& directo
     SET_GENERAL_ERROR(error, "Failed renaming file: %s: errno %s", staging.c_str(),
                       system_error_text().c_str());
     return false;
-}
-
-// An archive may hold several members of that name, and the one that is found first need not be the one that
-// stays.
-static bool check_manifest(const std::string& directory, const json_t* manifest, VelkctlError** error) {
-    const JsonPtr unpacked(json_load_file((directory + "/" + kControlFiles[0]).c_str(), 0, nullptr));
-    return (unpacked && json_equal(unpacked.get(), manifest)) || set_invalid_package(error);
 }
 
 bool lay_out_directory(const std::string& app, const StoreLocation& location, const std::string& data,

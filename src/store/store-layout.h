@@ -31,11 +31,12 @@ inline constexpr uint64_t SPACE_MARGIN = 262144;
 /**
  * Keep the package `data` as a layer file, with its control files unpacked beside it.
  *
- * @param error  code 1 when a control file cannot be read from the package, 10 otherwise; what was made
- * stays, and a later import takes it over
+ * @param manifest  which the package must hold
+ * @param error  code 1 when a control file cannot be read from the package or its manifest is another, 10
+ * otherwise; what was made stays, and a later import takes it over
  */
 [[nodiscard]] bool lay_out_layer(const std::string& app, const StoreLocation& location,
-                                 const std::string& data, VelkctlError** error);
+                                 const std::string& data, const json_t* manifest, VelkctlError** error);
 
 /**
  * Unpack the package `data` as an unprivileged user, protect its control files, and move it to the

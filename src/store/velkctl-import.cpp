@@ -128,7 +128,7 @@ static bool place(const VerifiedPackage& package, const StoreLocation& location,
         return false;
     const bool laid_out =
         location.kind == STORE_INTERNAL_VLPFS
-            ? lay_out_layer(app, location, package.data.path(), error)
+            ? lay_out_layer(app, location, package.data.path(), package.manifest, error)
             : lay_out_directory(app, location, package.data.path(), package.manifest, error);
     if (!laid_out || !location.subdir)
         return laid_out;

@@ -8,8 +8,10 @@
 #include <zlib.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "base/handles.h"
 #include "base/paths.h"
@@ -21,6 +23,8 @@ static constexpr const char* kTarOptions = "TAR_OPTIONS";
 static constexpr std::string_view kGzipMagic = "\x1f\x8b";
 static constexpr unsigned kGzipBuffer = 128 << 10;
 static constexpr unsigned kGzipBlock = 4096;
+/** Of zlib: the largest window, and a gzip header only. */
+static constexpr int kGzipOnly = 15 + 16;
 
 /** So many of a file's last bytes, or of its first ones; none of a file that has fewer. */
 static std::string bytes_at(const std::string& path, int whence, size_t count) {
@@ -46,20 +50,18 @@ static bool is_gzip(const std::string& path) {
     return bytes_at(path, SEEK_SET, kGzipMagic.size()) == kGzipMagic;
 }
 
-bool is_single_gzip(const std::string& path, uint64_t size) {
-    uint32_t last = 0;
-    const std::string tail = bytes_at(path, SEEK_END, sizeof last);
-    std::memcpy(&last, tail.data(), tail.size());
-    return is_gzip(path) && GUINT32_FROM_LE(last) == static_cast<uint32_t>(size);
+TarGzip::TarGzip(const std::string& archive, bool pigz_wanted) {
+    if (const char* options = g_getenv(kTarOptions))
+        old_options_ = options;
+    const char* program = pigz_wanted && access(paths::kPigz, X_OK) == 0 ? paths::kPigz : "gzip";
+    const std::string options = std::string("--use-compress-program=") + program;
+    g_setenv(kTarOptions, is_gzip(archive) ? options.c_str() : "", TRUE);
 }
 
-FasterGzip::FasterGzip(bool wanted)
-    : is_set_(wanted && access(paths::kPigz, X_OK) == 0 && !g_getenv(kTarOptions) &&
-              g_setenv(kTarOptions, (std::string("--use-compress-program=") + paths::kPigz).c_str(), FALSE)) {
-}
-
-FasterGzip::~FasterGzip() {
-    if (is_set_)
+TarGzip::~TarGzip() {
+    if (old_options_)
+        g_setenv(kTarOptions, old_options_->c_str(), TRUE);
+    else
         g_unsetenv(kTarOptions);
 }
 
@@ -129,14 +131,16 @@ std::optional<std::string> read_tar_member(const std::string& archive, const std
     // In a signed package the signature follows the gzip stream: tar prints the member, then complains about
     // the rest.
     const bool garbage_expected = has_package_magic(archive);
-    const FasterGzip faster(garbage_expected && is_gzip(archive));
+    const TarGzip gzip(archive, garbage_expected);
+    // With garbage behind it an empty member looks like none.
+    const bool may_be_empty = !(garbage_expected && is_gzip(archive));
     for (const std::string& name : {member, "./" + member}) {
         std::optional<TarResult> result = run_tar(archive, name, error);
         if (!result)
             return std::nullopt;
-        const bool only_garbage =
-            garbage_expected && result->status == kTarGarbageBehindData && !result->output.empty();
-        if (result->status == 0 || only_garbage)
+        const bool only_garbage = garbage_expected && result->status == kTarGarbageBehindData;
+        const bool is_text = !result->output.empty();
+        if ((result->status == 0 && (is_text || may_be_empty)) || (only_garbage && is_text))
             return std::move(result->output);
     }
     velkctl_error_set(error, VELKCTL_ERROR_INVALID_PACKAGE, "Invalid application package");
@@ -164,4 +168,28 @@ uint64_t uncompressed_size(const std::string& path, VelkctlError** error) {
     SET_GENERAL_ERROR(error, "Failed to read gzip archive %s: %s", path.c_str(),
                       number == Z_ERRNO ? system_error_text().c_str() : text);
     return 0;
+}
+
+std::optional<uint64_t> single_gzip_size(const std::string& path) {
+    const FilePtr file(std::fopen(path.c_str(), "re"));
+    z_stream stream{};
+    if (!file || inflateInit2(&stream, kGzipOnly) != Z_OK)
+        return std::nullopt;
+    std::vector<unsigned char> packed(kGzipBuffer);
+    std::vector<unsigned char> unpacked(kGzipBuffer);
+    uint64_t size = 0;
+    int result = Z_OK;
+    while (result == Z_OK) {
+        if (stream.avail_in == 0) {
+            stream.next_in = packed.data();
+            stream.avail_in = static_cast<unsigned>(std::fread(packed.data(), 1, kGzipBuffer, file.get()));
+        }
+        stream.next_out = unpacked.data();
+        stream.avail_out = kGzipBuffer;
+        result = inflate(&stream, Z_NO_FLUSH);
+        size += kGzipBuffer - stream.avail_out;
+    }
+    inflateEnd(&stream);
+    const bool is_at_end = stream.avail_in == 0 && std::fgetc(file.get()) == EOF && !std::ferror(file.get());
+    return result == Z_STREAM_END && is_at_end ? std::optional(size) : std::nullopt;
 }

@@ -13,26 +13,22 @@ inline constexpr uint64_t PACKAGE_MAGIC = 0x658D14AB4207AAC6;
 [[nodiscard]] bool has_package_magic(const std::string& path);
 
 /**
- * Whether the file is a single gzip stream of `size` bytes with nothing behind it, by its first and its last
- * bytes (RFC 1952: the magic number, and ISIZE, the size modulo 2^32).
- */
-[[nodiscard]] bool is_single_gzip(const std::string& path, uint64_t size);
-
-/**
- * While it lives, each tar that is started unpacks gzip with pigz where the device has one: in half the time.
+ * While it lives, each tar that is started unpacks gzip with pigz where the device has one and that is wanted: in
+ * half the time. Else with gzip, and with nothing else: tar itself would take a file that is both for a plain
+ * archive.
  *
- * Meant for files of which the two say the same only: at what stands behind the stream gzip lets tar fail,
- * while pigz says nothing. Works by TAR_OPTIONS, and not when that is set already.
+ * pigz is meant for files of which the two say the same only: at what stands behind the stream gzip lets tar
+ * fail, while pigz says nothing. Works by TAR_OPTIONS, whose value is back afterwards.
  */
-class FasterGzip {
+class TarGzip {
   public:
-    explicit FasterGzip(bool wanted);
-    FasterGzip(const FasterGzip&) = delete;
-    FasterGzip& operator=(const FasterGzip&) = delete;
-    ~FasterGzip();
+    TarGzip(const std::string& archive, bool pigz_wanted);
+    TarGzip(const TarGzip&) = delete;
+    TarGzip& operator=(const TarGzip&) = delete;
+    ~TarGzip();
 
   private:
-    bool is_set_;
+    std::optional<std::string> old_options_;
 };
 
 /**
@@ -52,3 +48,9 @@ class FasterGzip {
  * archive %s: %s"; the result is then 0
  */
 [[nodiscard]] uint64_t uncompressed_size(const std::string& path, VelkctlError** error);
+
+/**
+ * The same of a file that is one sound gzip stream with nothing behind it, and no time lost on it; nothing of
+ * every other file.
+ */
+[[nodiscard]] std::optional<uint64_t> single_gzip_size(const std::string& path);

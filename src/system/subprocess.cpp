@@ -5,12 +5,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 
 #include "base/handles.h"
 #include "base/paths.h"
 #include "system/regex.h"
+
+/** What a command can say is kept up to here; an archive can make tar say gigabytes. */
+static constexpr size_t kOutputLimit = 1 << 20;
+static constexpr size_t kOutputBlock = 64 << 10;
 
 int check_shell_arguments(ShellArguments arguments, VelkctlError** error) {
     for (const char* argument : arguments) {
@@ -101,7 +106,22 @@ int run_command_with_output(std::string* output, VelkctlError** error, const cha
 static GSpawnFlags spawn_flags() {
     const UniqueFd input(open(paths::kNullDevice, O_RDONLY | O_CLOEXEC));
     const bool quick = input && close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
-    return static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | (quick ? G_SPAWN_LEAVE_DESCRIPTORS_OPEN : 0));
+    return static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
+                                    (quick ? G_SPAWN_LEAVE_DESCRIPTORS_OPEN : 0));
+}
+
+/** What comes out of a pipe up to its end; only the start of it is kept when there is very much. */
+static std::string read_start(int fd) {
+    std::string kept;
+    std::vector<char> block(kOutputBlock);
+    while (true) {
+        const ssize_t got = read(fd, block.data(), block.size());
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return kept;
+        kept.append(block.data(), std::min(static_cast<size_t>(got), kOutputLimit - kept.size()));
+    }
 }
 
 int spawn_and_wait(const std::vector<std::string>& arguments, std::string* output, VelkctlError** error) {
@@ -111,18 +131,20 @@ int spawn_and_wait(const std::vector<std::string>& arguments, std::string* outpu
         vector.push_back(const_cast<char*>(argument.c_str()));  // GLib's vector type is not const, its use is
     vector.push_back(nullptr);
 
-    char* captured = nullptr;
-    int status = 0;
+    GPid pid = 0;
+    int output_fd = -1;
     GErrorSlot reason;
-    const bool started = g_spawn_sync(nullptr, vector.data(), nullptr, spawn_flags(), nullptr, nullptr,
-                                      output ? &captured : nullptr, nullptr, &status, reason.out());
-    const GStringPtr owner(captured);
-    if (!started) {
+    if (!g_spawn_async_with_pipes(nullptr, vector.data(), nullptr, spawn_flags(), nullptr, nullptr, &pid, nullptr,
+                                  output ? &output_fd : nullptr, nullptr, reason.out())) {
         SET_GENERAL_ERROR(error, "Failed running \"%s\": %s", arguments.front().c_str(), reason.message());
         return -1;
     }
+    const UniqueFd pipe(output_fd);
     if (output)
-        *output = captured ? captured : "";
+        *output = read_start(pipe.get());
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

@@ -27,14 +27,14 @@ using ShellArguments = std::initializer_list<const char*>;
  */
 int run_command(VelkctlError** error, const char* format, ShellArguments arguments = {});
 
-/** The same with standard output captured into `output`, which is emptied first. */
+/** The same with standard output captured into `output`, which is emptied first; its first MiB. */
 int run_command_with_output(std::string* output, VelkctlError** error, const char* format,
                             ShellArguments arguments = {});
 
 /**
  * Run a program found on the PATH and wait for it; standard error is inherited.
  *
- * @param output  receives standard output; null lets the program inherit it
+ * @param output  receives the first MiB of standard output; null lets the program inherit it
  * @param error   code 10 "Failed running \"%s\": %s" when it could not be started; an exit status sets
  * nothing
  * @return its exit status, or -1 when it could not be started or a signal ended it

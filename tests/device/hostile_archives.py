@@ -467,6 +467,7 @@ def streams() -> dict[str, Case]:
     with_facts = b"\x1f\x8b\x08\x1c" + bytes(6) + b"\x04\0xxxx" + b"../../etc/passwd\0" + b"a comment\0"
     facts = with_facts + zlib.compress(plain)[2:-4] + packed[-8:]
     early_manifest = gzip.compress(plain, 0, mtime=0)
+    empty_manifest = gzip.compress(archive(usual("manifest.json"), entry("manifest.json")), mtime=0)
     return {
         "a stream cut in two": Case(packed[: len(packed) // 2], INVALID_AT_ONCE),
         "a signed stream cut in two": Case(early_manifest[: len(packed) // 2], bad_gzip("unexpected end of file"), sign=True),
@@ -482,6 +483,10 @@ def streams() -> dict[str, Case]:
         "a stream and an empty one": Case(packed + gzip.compress(b"", mtime=0), IMPORTED, whole),
         "a stream and rubbish": Case(packed + b"rubbish", INVALID_AT_ONCE),
         "a signed stream and rubbish": Case(packed + b"rubbish", SIGNED_INVALID, sign=True),
+        "a signed stream and rubbish that ends in its size": Case(packed + b"rubbish" + packed[-4:], SIGNED_INVALID, sign=True),
+        "a stream that is a plain archive too": Case(archive_and_stream(plain), IMPORTED, whole),
+        "a signed stream that is a plain archive too": Case(archive_and_stream(plain), SIGNED, whole, sign=True),
+        "a signed stream with an empty manifest": Case(empty_manifest, INVALID_AT_ONCE, sign=True),
         "a signed stream and a byte": Case(packed + b"x", SIGNED_INVALID, sign=True),
         "a signed stream and the start of another": Case(packed + packed[:5], bad_gzip("unexpected end of file"), sign=True),
         "a signed stream and zeros": Case(packed + bytes(512), SIGNED, whole, sign=True),
@@ -496,6 +501,13 @@ def streams() -> dict[str, Case]:
         "zeros": Case(bytes(10240), INVALID_AT_ONCE),
         "a manifest of 1 GiB of zeros": Case(big_manifest(), INVALID_AT_ONCE),
     }  # fmt: skip
+
+
+def archive_and_stream(plain: bytes) -> bytes:
+    """A stream of this archive behind a header field that, with the header, is a plain archive of something else."""
+    length = len(archive(header(b"x"), usual(), entry("other", b"other")))
+    start = b"\x1f\x8b\x08\x04" + bytes(6) + (length - 12).to_bytes(2, "little")
+    return archive(header(start), usual(), entry("other", b"other")) + gzip.compress(plain, mtime=0)[10:]
 
 
 def zeros(length: int) -> bytes:

@@ -51,6 +51,22 @@ def test_a_store_that_cannot_be_listed(device: Device) -> None:
     assert support.outcome(result) == (10, UNSIGNED + message)
 
 
+@pytest.mark.parametrize("location", ["internal", "internal_vlpfs"])
+def test_a_package_that_another_takes_the_place_of(
+    device: Device, location: str, unsigned_allowed: None
+) -> None:
+    """What was checked of the first one says nothing of the second: not even its name."""
+    members = support.base_members("Other")
+    other = support.put(device, support.signed(support.archive(members)), "Other.vlp")
+    path = support.put(device, support.simple_package())
+    script = f'"$REAL" "$@"; status=$?; [ ! -f {other} ] || mv {other} {path}; exit $status\n'
+    with program(device, "tar", script) as env:
+        found = support.outcome(device.velkctl("import", path, location, env=env))
+    assert found == (1, "code 1: Invalid application package\n")
+    assert not device.exists(f"{STORE}/App")
+    device.sh("chattr -R -i /opt/packages/_layers/App; rm -rf /opt/packages/_layers/App /etc/velk/vsf/App")
+
+
 def test_data_that_is_emptied_behind_its_verification(device: Device, run_import: Import) -> None:
     path = support.put(device, support.simple_package())
     with program(device, "gpgv", '"$REAL" "$@" || exit\nfor data; do :; done\n: >"$data"\n') as env:

@@ -182,43 +182,50 @@ TEST_F(Archive, KnowsNoMagicElsewhere) {
         EXPECT_FALSE(has_package_magic(directory / name)) << name;
 }
 
-TEST_F(Archive, KnowsASingleGzipStreamByItsSize) {
+TEST_F(Archive, TellsTheSizeOfASingleGzipStream) {
     const uint64_t size = fs::file_size(pack("", "manifest.json"));
-    EXPECT_FALSE(is_single_gzip(directory / "package.vlp", size));
-    const std::string archive = pack("-z", "manifest.json");
-    EXPECT_TRUE(is_single_gzip(archive, size));
-    EXPECT_TRUE(is_single_gzip(archive, size + (uint64_t{1} << 32)));  // only so much of it is in the file
-    EXPECT_FALSE(is_single_gzip(archive, size + 1));
+    EXPECT_EQ(single_gzip_size(pack("-z", "manifest.json")), size);
+    test::write_text(directory / "app/large", std::string(1 << 20, 'x'));
+    const uint64_t large = fs::file_size(pack("", "large"));
+    EXPECT_EQ(single_gzip_size(pack("-z", "large")), large);
 }
 
-TEST_F(Archive, KnowsNoSingleGzipStreamWithSomethingBehindIt) {
-    const uint64_t size = fs::file_size(pack("", "manifest.json"));
+TEST_F(Archive, TellsNoSingleSizeOfWhatIsMoreOrLess) {
+    const std::string plain = test::read_text(pack("", "manifest.json"));
     const std::string stream = test::read_text(pack("-z", "manifest.json"));
-    for (const std::string& behind : {std::string("x"), std::string(512, '\0'), kTrailer}) {
-        test::write_text(directory / "more", stream + behind);
-        EXPECT_FALSE(is_single_gzip(directory / "more", size)) << behind.size();
+    const std::string size = stream.substr(stream.size() - 4);
+    for (const std::string& text : {plain, stream + "x", stream + std::string(512, '\0'), stream + "junk" + size,
+                                    stream + stream, stream + kTrailer, stream.substr(0, stream.size() - 1),
+                                    stream.substr(0, 20), std::string()}) {
+        test::write_text(directory / "other", text);
+        EXPECT_FALSE(single_gzip_size(directory / "other")) << text.size();
     }
-    test::write_text(directory / "twice", stream + stream);
-    EXPECT_FALSE(is_single_gzip(directory / "twice", 2 * size));
+    std::string wrong_sum = stream;
+    wrong_sum[stream.size() - 8] ^= 1;
+    test::write_text(directory / "other", wrong_sum);
+    EXPECT_FALSE(single_gzip_size(directory / "other"));
     for (const char* name : {"absent", "app"})
-        EXPECT_FALSE(is_single_gzip(directory / name, size)) << name;
+        EXPECT_FALSE(single_gzip_size(directory / name)) << name;
 }
 
-TEST(FasterGzip, IsAskedOfTarWhileItIsWanted) {
+TEST_F(Archive, IsUnpackedWithPigzWhereThatIsWanted) {
     ASSERT_FALSE(std::getenv("TAR_OPTIONS"));
-    {
-        const FasterGzip faster(true);
-        EXPECT_STREQ(std::getenv("TAR_OPTIONS"), "--use-compress-program=/usr/bin/pigz");
+    const std::string archive = pack("-z", "manifest.json");
+    for (const auto& [wanted, program] : {std::pair(true, "/usr/bin/pigz"), std::pair(false, "gzip")}) {
+        const TarGzip gzip(archive, wanted);
+        EXPECT_EQ(std::getenv("TAR_OPTIONS"), std::string("--use-compress-program=") + program);
     }
     EXPECT_FALSE(std::getenv("TAR_OPTIONS"));
-    const FasterGzip not_wanted(false);
-    EXPECT_FALSE(std::getenv("TAR_OPTIONS"));
 }
 
-TEST(FasterGzip, LeavesOptionsThatAreThereAlone) {
-    const test::ScopedVariable variable("TAR_OPTIONS", "--quiet-please");
-    { const FasterGzip faster(true); }
-    EXPECT_STREQ(std::getenv("TAR_OPTIONS"), "--quiet-please");
+TEST_F(Archive, ThatIsPlainIsUnpackedAsItIs) {
+    const std::string archive = pack("", "manifest.json");
+    const test::ScopedVariable variable("TAR_OPTIONS", "--of-the-operator");
+    {
+        const TarGzip gzip(archive, true);
+        EXPECT_STREQ(std::getenv("TAR_OPTIONS"), "");
+    }
+    EXPECT_STREQ(std::getenv("TAR_OPTIONS"), "--of-the-operator");
 }
 
 TEST_F(Archive, TellsItsUncompressedSize) {

@@ -162,6 +162,15 @@ TEST(RunCommandWithOutput, TakesMoreThanAPipeHolds) {
     EXPECT_EQ(output, std::string(300'000, 'x'));
 }
 
+TEST(SpawnAndWait, KeepsTheFirstMebibyteOfVeryMuchOutput) {
+    ErrorSlot error;
+    std::string output;
+    const std::vector<std::string> command = {"sh", "-c", "printf start; head -c 5000000 /dev/zero; exit 3"};
+    EXPECT_EQ(spawn_and_wait(command, &output, error), 3);
+    EXPECT_EQ(output.size(), size_t{1} << 20);
+    EXPECT_TRUE(output.starts_with("start"));
+}
+
 TEST(SpawnAndWait, SearchesThePathAndReturnsTheStatusWithoutAnError) {
     ErrorSlot error;
     EXPECT_EQ(spawn_and_wait({"true"}, nullptr, error), 0);
