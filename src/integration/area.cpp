@@ -62,6 +62,11 @@ std::optional<AreaDirectory> open_area(const std::string& path, VelkctlError** e
     return std::nullopt;
 }
 
+AreaDirectory area_without_place(UniqueFd fd) {
+    std::string path = descriptor_path(fd.get());
+    return {std::move(fd), std::move(path)};
+}
+
 std::optional<AreaDirectory> open_area_directory(const AreaDirectory& parent, const std::string& name,
                                                  VelkctlError** error) {
     UniqueFd fd(openat(parent.fd(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

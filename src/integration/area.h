@@ -45,6 +45,9 @@ class AreaDirectory {
  */
 [[nodiscard]] std::optional<AreaDirectory> open_area(const std::string& path, VelkctlError** error);
 
+/** An open directory that is at no place: its path leads through the descriptor. */
+[[nodiscard]] AreaDirectory area_without_place(UniqueFd fd);
+
 /** Open the directory `name` inside `parent`; a link is not followed. "Failed opening %s: %s", code 10. */
 [[nodiscard]] std::optional<AreaDirectory> open_area_directory(const AreaDirectory& parent,
                                                                const std::string& name, VelkctlError** error);

@@ -10,11 +10,28 @@
 #include "store/lock.h"
 #include "store/velkctl-store.h"
 #include "system/file.h"
+#include "system/mounts.h"
 #include "system/tree.h"
 
 std::string backup_path(const std::string& app) { return paths::store_root_path("_backup") + "/" + app; }
 
 bool backup_exists(const std::string& app) { return is_directory(backup_path(app)); }
+
+/**
+ * Whether what a first card's application has written is not to be seen at its place: it lies in a directory
+ * of its own, which is mounted over the application's files. Nothing was written where that is empty.
+ */
+static bool is_hidden(const std::string& app, const StoreLocation* location) {
+    ErrorSlot not_mounted;
+    return location->kind == STORE_SD_CARD1 &&
+           !find_mount_entry(paths::kMounts, paths::store_root_path(app), not_mounted) &&
+           is_filled_directory(store_path(app, location) + "/upper");
+}
+
+static std::optional<AreaDirectory> open_hidden(const std::string& directory, VelkctlError** error) {
+    UniqueFd overlay = open_overlay(directory + "/upper", directory + "/lower", error);
+    return overlay ? std::optional(area_without_place(std::move(overlay))) : std::nullopt;
+}
 
 // Until it is set up, an application of the layer store is reached through its layer only: nothing is mounted
 // yet.
@@ -23,36 +40,47 @@ static std::string source_directory(const std::string& app, const StoreLocation*
     return unmounted ? location_link_target(app, location) : paths::store_root_path(app);
 }
 
-/** Copy the two configuration files, those that are there. */
-static bool copy_configuration(const AreaDirectory& conf, const std::string& app, const std::string& target,
-                               VelkctlError** error) {
-    for (const std::string& name : {app + ".conf", "param_" + app + ".conf"}) {
+/**
+ * Copy a configuration file that is there. Teardown takes them away, so that of an application that is not
+ * set up the one of the backup before is kept: an upgrade that failed behind its teardown can be tried again.
+ */
+static bool copy_configuration_file(const AreaDirectory* conf, const std::string& app,
+                                    const std::string& name, const std::string& target,
+                                    VelkctlError** error) {
+    if (conf && area_entry_kind(*conf, name) != 0) {
         ErrorSlot failure;
-        if (copy_path_if_present(conf.access_path(name), target + "/" + name, failure))
-            continue;
-        move_with_known_paths(failure, {{conf.access_path(""), conf.path_of("")}}, error);
+        if (copy_path_if_present(conf->access_path(name), target + "/" + name, failure))
+            return true;
+        move_with_known_paths(failure, {{conf->access_path(""), conf->path_of("")}}, error);
         return false;
     }
-    return true;
+    return is_set_up(app) || copy_path_if_present(backup_path(app) + "/" + name, target + "/" + name, error);
 }
 
-static bool copy_into(const std::string& source, const std::string& app, const std::string& target,
-                      VelkctlError** error) {
-    if (!is_directory(source))
-        return true;
-    const std::optional<AreaDirectory> application = open_area(source, error);
-    if (!application)
-        return false;
+static bool copy_configuration(const AreaDirectory& application, const std::string& app,
+                               const std::string& target, VelkctlError** error) {
     // A link is not left out but refused: a new version would otherwise begin without the settings.
-    const mode_t kind = area_entry_kind(*application, "conf");
-    if (kind == S_IFDIR || kind == S_IFLNK) {
-        const std::optional<AreaDirectory> conf = open_area_directory(*application, "conf", error);
-        if (!conf || !copy_configuration(*conf, app, target, error))
-            return false;
-    }
+    const mode_t kind = area_entry_kind(application, "conf");
+    std::optional<AreaDirectory> conf;
+    if ((kind == S_IFDIR || kind == S_IFLNK) && !(conf = open_area_directory(application, "conf", error)))
+        return false;
+    return copy_configuration_file(conf ? &*conf : nullptr, app, app + ".conf", target, error) &&
+           copy_configuration_file(conf ? &*conf : nullptr, app, "param_" + app + ".conf", target, error);
+}
+
+static bool copy_into(const std::string& app, const StoreLocation* location, const std::string& target,
+                      VelkctlError** error) {
+    const bool hidden = is_hidden(app, location);
+    const std::string source = source_directory(app, location);
+    if (!hidden && !is_directory(source))
+        return true;
+    const std::optional<AreaDirectory> application =
+        hidden ? open_hidden(store_path(app, location), error) : open_area(source, error);
+    if (!application || !copy_configuration(*application, app, target, error))
+        return false;
     // A link could lead anywhere, and what it leads to is not the application's data.
     const std::string data = application->path_of("localdata");
-    return remove_if_symlink(data, error) &&
+    return (hidden || remove_if_symlink(data, error)) &&
            (!is_directory_no_follow(data) || copy_path(data, target + "/localdata", error));
 }
 
@@ -89,10 +117,16 @@ bool back_up_application(const std::string& app, VelkctlError** error) {
     if (!location)
         return false;
     const std::string backup = backup_path(app);
-    const std::string staging = backup + ".tmp";
-    return remove_recursive(staging, error) && make_dirs(staging, error) &&
-           copy_into(source_directory(app, location), app, staging, error) &&
-           put_in_place(staging, backup, error);
+    const std::string staging = staging_path(backup);
+    if (!remove_recursive(staging, error))
+        return false;
+    if (make_dirs(staging, error) && copy_into(app, location, staging, error) &&
+        put_in_place(staging, backup, error))
+        return true;
+    // A full disk does not stay so.
+    ErrorSlot cleanup;
+    (void)remove_recursive(staging, cleanup);
+    return false;
 }
 
 int velkctl_perform_backup(const std::string& app, VelkctlError** error) {
@@ -103,10 +137,15 @@ int velkctl_perform_backup(const std::string& app, VelkctlError** error) {
 
 int remove_backup(const std::string& app, VelkctlError** error) {
     sync();
-    if (!backup_exists(app))
-        return 0;
     const std::string backup = backup_path(app);
     const std::string doomed = doomed_path(backup);
+    ErrorSlot leftover;  // of an interrupted backup, which must not outlive the application
+    (void)remove_recursive(staging_path(backup), leftover);
+    if (!backup_exists(app)) {
+        leftover.clear();
+        (void)remove_recursive(doomed, leftover);
+        return 0;
+    }
     if (!remove_recursive(doomed, error))
         return -1;
     if (std::rename(backup.c_str(), doomed.c_str()) != 0) {

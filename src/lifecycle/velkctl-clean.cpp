@@ -1,6 +1,7 @@
 #include "lifecycle/velkctl-clean.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "base/log.h"
 #include "base/paths.h"
@@ -12,6 +13,9 @@
 #include "system/file.h"
 #include "system/systemctl.h"
 #include "system/tree.h"
+
+static constexpr int kRemovalAttempts = 20;
+static constexpr useconds_t kRemovalPause = 50'000;
 
 namespace {
 
@@ -38,12 +42,19 @@ std::optional<std::string> read_interrupted(VelkctlError** error) {
     return strip(content);
 }
 
+// What unpacks may live on when only velkctl was killed, and it goes on until its directory is gone.
 void remove_staging_directory(const std::string& app) {
     const std::string staging = paths::store_root_path(app) + ".tmp";
     log_info("Removing %s", staging.c_str());
     ErrorSlot leftover;
-    if (!remove_recursive(staging, leftover))
-        warn_and_clear_error(leftover, nullptr);
+    for (int left = kRemovalAttempts; !remove_recursive(staging, leftover); left--) {
+        if (left == 0) {
+            warn_and_clear_error(leftover, nullptr);
+            return;
+        }
+        leftover.clear();
+        usleep(kRemovalPause);
+    }
 }
 
 /**

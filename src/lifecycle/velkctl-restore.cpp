@@ -136,23 +136,33 @@ bool restore_configuration(const Restoration& restoration, VelkctlError** error)
     return false;
 }
 
+/** Put the saved data in the place of the application's, by way of `staging`. */
+bool replace_data(const Restoration& restoration, const std::string& staging, const std::string& data,
+                  VelkctlError** error) {
+    if (!copy_path("localdata", staging, error) ||
+        run_command(error, "chown -hR '%s' '%s'", {restoration.owner.user.c_str(), staging.c_str()}) != 0 ||
+        !remove_if_symlink(data, error) || !remove_recursive(data, error))
+        return false;
+    sync();
+    if (std::rename(staging.c_str(), data.c_str()) == 0)
+        return true;
+    SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", staging.c_str(), data.c_str(),
+                      system_error_text().c_str());
+    return false;
+}
+
 bool restore_data(const Restoration& restoration, VelkctlError** error) {
     if (!is_directory_no_follow("localdata"))
         return true;
     const std::string data = restoration.application.path_of("localdata");
     const std::string staging = data + ".tmp";
-    if (!clear_area_entry(restoration.application, base_name(staging), error) ||
-        !copy_path("localdata", staging, error) ||
-        run_command(error, "chown -hR '%s' '%s'", {restoration.owner.user.c_str(), staging.c_str()}) != 0 ||
-        !remove_if_symlink(data, error) || !remove_recursive(data, error))
+    if (!clear_area_entry(restoration.application, base_name(staging), error))
         return false;
-    sync();
-    if (std::rename(staging.c_str(), data.c_str()) != 0) {
-        SET_GENERAL_ERROR(error, "Failed renaming %s to %s: %s", staging.c_str(), data.c_str(),
-                          system_error_text().c_str());
-        return false;
-    }
-    return flush_area_directory(restoration.application, error);
+    if (replace_data(restoration, staging, data, error))
+        return flush_area_directory(restoration.application, error);
+    ErrorSlot cleanup;
+    (void)clear_area_entry(restoration.application, base_name(staging), cleanup);
+    return false;
 }
 
 bool require_restorable(const std::string& app, VelkctlError** error) {

@@ -27,7 +27,8 @@ static constexpr const char* kOperation = "velkctl_split_package_verify_signatur
 static constexpr size_t kReadBuffer = 128 << 10;
 /** More than any signature takes. */
 static constexpr uint32_t kSignatureTextLimit = 1 << 20;
-/** The whole of an armoured signature (RFC 4880, section 6.2): headers, a blank line, lines of radix 64, a sum. */
+/** The whole of an armoured signature (RFC 4880, section 6.2): headers, a blank line, lines of radix 64, a
+ * sum. */
 static constexpr const char* kArmouredSignature =
     R"(^-----BEGIN PGP SIGNATURE-----[ \t]*\r?\n(?:[\w-]++: [^\r\n]*+\r?\n)*+[ \t]*\r?\n)"
     R"((?:[A-Za-z0-9+\/]++={0,2}[ \t]*\r?\n)++(?:=[A-Za-z0-9+\/]{4}[ \t]*\r?\n)?)"

@@ -13,9 +13,9 @@ inline constexpr uint64_t PACKAGE_MAGIC = 0x658D14AB4207AAC6;
 [[nodiscard]] bool has_package_magic(const std::string& path);
 
 /**
- * While it lives, each tar that is started unpacks gzip with pigz where the device has one and that is wanted: in
- * half the time. Else with gzip, and with nothing else: tar itself would take a file that is both for a plain
- * archive.
+ * While it lives, each tar that is started unpacks gzip with pigz where the device has one and that is
+ * wanted: in half the time. Else with gzip, and with nothing else: tar itself would take a file that is both
+ * for a plain archive.
  *
  * pigz is meant for files of which the two say the same only: at what stands behind the stream gzip lets tar
  * fail, while pigz says nothing. Works by TAR_OPTIONS, whose value is back afterwards.

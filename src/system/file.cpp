@@ -365,6 +365,13 @@ static mode_t kind_of(const std::string& path, int (*status_of)(const char*, str
 
 bool is_directory(const std::string& path) { return kind_of(path, stat) == S_IFDIR; }
 bool is_directory_no_follow(const std::string& path) { return kind_of(path, lstat) == S_IFDIR; }
+bool is_filled_directory(const std::string& path) {
+    const DirectoryPtr directory(opendir(path.c_str()));
+    int entries = 0;  // two of them are the directory itself and the one above
+    while (directory && entries <= 2 && readdir(directory.get()))
+        entries++;
+    return entries > 2;
+}
 bool is_regular_file(const std::string& path) { return kind_of(path, stat) == S_IFREG; }
 bool is_regular_file_no_follow(const std::string& path) { return kind_of(path, lstat) == S_IFREG; }
 bool is_directory_or_regular_file(const std::string& path) {

@@ -162,6 +162,8 @@ class WorkingDirectory {
 [[nodiscard]] bool require_path(const std::string& path, VelkctlError** error);
 [[nodiscard]] bool is_directory(const std::string& path);
 [[nodiscard]] bool is_directory_no_follow(const std::string& path);
+/** Whether it is a directory with something in it. */
+[[nodiscard]] bool is_filled_directory(const std::string& path);
 [[nodiscard]] bool is_regular_file(const std::string& path);
 [[nodiscard]] bool is_regular_file_no_follow(const std::string& path);
 [[nodiscard]] bool is_directory_or_regular_file(const std::string& path);

@@ -1,6 +1,7 @@
 #include "system/mounts.h"
 
 #include <mntent.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -95,4 +96,18 @@ bool remove_through_overlay(const std::string& path, const std::string& mount_ta
         return false;
     }
     return remove_immutable(*upper + path.substr(base.size()), error);
+}
+
+UniqueFd open_overlay(const std::string& upper, const std::string& lower, VelkctlError** error) {
+    const std::string layers = upper + ":" + lower;
+    const UniqueFd context(fsopen("overlay", FSOPEN_CLOEXEC));
+    const bool is_made = context &&
+                         fsconfig(context.get(), FSCONFIG_SET_STRING, "lowerdir", layers.c_str(), 0) == 0 &&
+                         fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) == 0;
+    constexpr unsigned attributes = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
+    UniqueFd overlay(is_made ? fsmount(context.get(), FSMOUNT_CLOEXEC, attributes) : -1);
+    if (!overlay)
+        SET_GENERAL_ERROR(error, "Failed to mount %s over %s: %s", upper.c_str(), lower.c_str(),
+                          system_error_text().c_str());
+    return overlay;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <variant>
 
+#include "base/handles.h"
 #include "base/velkctl-error.h"
 
 /** One line of a mount table. */
@@ -38,3 +39,11 @@ using MountKey = std::variant<std::string, dev_t>;
  */
 [[nodiscard]] bool remove_through_overlay(const std::string& path, const std::string& mount_table,
                                           VelkctlError** error);
+
+/**
+ * Open what an overlay of two directories shows, the upper one's entries first: read-only, mounted at no
+ * place, gone when it is closed. The directories' paths have neither a comma nor a colon.
+ *
+ * @param error  code 10 "Failed to mount %s over %s: %s"
+ */
+[[nodiscard]] UniqueFd open_overlay(const std::string& upper, const std::string& lower, VelkctlError** error);

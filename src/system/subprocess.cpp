@@ -134,8 +134,8 @@ int spawn_and_wait(const std::vector<std::string>& arguments, std::string* outpu
     GPid pid = 0;
     int output_fd = -1;
     GErrorSlot reason;
-    if (!g_spawn_async_with_pipes(nullptr, vector.data(), nullptr, spawn_flags(), nullptr, nullptr, &pid, nullptr,
-                                  output ? &output_fd : nullptr, nullptr, reason.out())) {
+    if (!g_spawn_async_with_pipes(nullptr, vector.data(), nullptr, spawn_flags(), nullptr, nullptr, &pid,
+                                  nullptr, output ? &output_fd : nullptr, nullptr, reason.out())) {
         SET_GENERAL_ERROR(error, "Failed running \"%s\": %s", arguments.front().c_str(), reason.message());
         return -1;
     }

@@ -159,8 +159,7 @@ def back_up(one: App) -> int:
         return 4
     if one.running:
         return 10
-    # On a card that is not set up the data's directory is seen without what is in it.
-    one.saved = Saved(one.has_directory, one.data if one.shows_files else "")
+    one.saved = Saved(one.has_directory, one.data)
     return 0
 
 

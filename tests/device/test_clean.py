@@ -5,7 +5,8 @@ from __future__ import annotations
 from collections.abc import Callable
 
 from apps import LOCK, app, is_locked, stored, without_place
-from store_support import CARD, STATES, STORE, Import, simple_package
+from setups import program
+from store_support import CARD, STATES, STORE, Import, put, simple_package
 from velkdevice.device import Device
 
 Put = Callable[..., str]
@@ -140,3 +141,14 @@ def test_an_application_on_a_card_that_is_out_is_still_known(
     assert pristine.velkctl("remove", "App").status == 0
     assert not pristine.exists(f"{CARD}/App") and stored(pristine) == []
     pristine.sh("rm /tmp/packages/App.vlp && rmdir /tmp/packages").check()
+
+
+def test_what_goes_on_unpacking_when_only_velkctl_was_killed(pristine: Device) -> None:
+    path = put(pristine, simple_package())
+    # Makes something until its directory is gone, or two seconds have passed.
+    script = 'i=0; while [ $i -lt 1000 ] && mkdir d$i; do i=$((i + 1)); sleep 0.002; done\n'
+    with program(pristine, "su", f"({script}) >/dev/null 2>&1") as env:
+        kill = "velkctl import $1 & sleep 0.2; while [ ! -d $2/d5 ]; do sleep 0.01; done; kill -9 $!; wait; velkctl clean"
+        result = pristine.run(["sh", "-c", kill, "sh", path, f"{STORE}/App.tmp"], env=env)
+    assert (result.status, is_locked(pristine), pristine.exists(f"{STORE}/App.tmp")) == (4, False, False)
+    pristine.sh("rm -rf /tmp/packages /tmp/velkctl_* /etc/velk/vsf/App")

@@ -194,9 +194,9 @@ TEST_F(Archive, TellsNoSingleSizeOfWhatIsMoreOrLess) {
     const std::string plain = test::read_text(pack("", "manifest.json"));
     const std::string stream = test::read_text(pack("-z", "manifest.json"));
     const std::string size = stream.substr(stream.size() - 4);
-    for (const std::string& text : {plain, stream + "x", stream + std::string(512, '\0'), stream + "junk" + size,
-                                    stream + stream, stream + kTrailer, stream.substr(0, stream.size() - 1),
-                                    stream.substr(0, 20), std::string()}) {
+    for (const std::string& text :
+         {plain, stream + "x", stream + std::string(512, '\0'), stream + "junk" + size, stream + stream,
+          stream + kTrailer, stream.substr(0, stream.size() - 1), stream.substr(0, 20), std::string()}) {
         test::write_text(directory / "other", text);
         EXPECT_FALSE(single_gzip_size(directory / "other")) << text.size();
     }
