@@ -17,14 +17,17 @@ std::string backup_path(const std::string& app) { return paths::store_root_path(
 
 bool backup_exists(const std::string& app) { return is_directory(backup_path(app)); }
 
+static bool is_mounted(const std::string& app) {
+    ErrorSlot not_mounted;
+    return find_mount_entry(paths::kMounts, paths::store_root_path(app), not_mounted).has_value();
+}
+
 /**
  * Whether what a first card's application has written is not to be seen at its place: it lies in a directory
  * of its own, which is mounted over the application's files. Nothing was written where that is empty.
  */
 static bool is_hidden(const std::string& app, const StoreLocation* location) {
-    ErrorSlot not_mounted;
-    return location->kind == STORE_SD_CARD1 &&
-           !find_mount_entry(paths::kMounts, paths::store_root_path(app), not_mounted) &&
+    return location->kind == STORE_SD_CARD1 && !is_mounted(app) &&
            is_filled_directory(store_path(app, location) + "/upper");
 }
 
@@ -33,10 +36,9 @@ static std::optional<AreaDirectory> open_hidden(const std::string& directory, Ve
     return overlay ? std::optional(area_without_place(std::move(overlay))) : std::nullopt;
 }
 
-// Until it is set up, an application of the layer store is reached through its layer only: nothing is mounted
-// yet.
+// As long as nothing is mounted, an application of the layer store is reached through its layer only.
 static std::string source_directory(const std::string& app, const StoreLocation* location) {
-    const bool unmounted = location->kind == STORE_INTERNAL_VLPFS && !is_set_up(app);
+    const bool unmounted = location->kind == STORE_INTERNAL_VLPFS && !(is_set_up(app) && is_mounted(app));
     return unmounted ? location_link_target(app, location) : paths::store_root_path(app);
 }
 

@@ -74,8 +74,11 @@ def test_a_torn_down_application_on_a_card_keeps_its_data(carded: Device, put_pa
     assert answer(carded) == "Hello, this is start number 2.\n"
 
 
-def test_a_backup_sees_the_data_also_where_its_mount_was_stopped(carded: Device, put_package: Put) -> None:
-    install(carded, put_package, hello("sd_card1"), "sd_card1")
+@pytest.mark.parametrize("location", ["sd_card1", "internal_vlpfs"])
+def test_a_backup_sees_the_data_also_where_its_mount_was_stopped(
+    carded: Device, put_package: Put, unsigned_allowed: None, location: str
+) -> None:
+    install(carded, put_package, hello(location), location)
     assert answer(carded) == "Hello, this is start number 1.\n"
     carded.sh("systemctl stop usr-local-packages-hello.mount").check()
     assert velkctl(carded, "backup", "hello") == (0, "Backed up application hello\n")
