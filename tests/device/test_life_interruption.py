@@ -17,7 +17,7 @@ import pytest
 from apps import app
 from interruption import FOLDER, TEMPORARY, VELKCTL, Scenario, left_behind, sample, summary
 from setups import section
-from store_support import STORE
+from store_support import CARD, LAYERS, SETTINGS, STORE, allow_unsigned
 from velkdevice import package, snapshot
 from velkdevice.device import Device
 
@@ -35,7 +35,7 @@ cd /usr/local/packages
 user() { stat -c %U App/localdata; }
 note() { su -s /bin/sh -c "echo $1 >App/localdata/note" "$(user)"; }
 look() {
-    set -- /usr/local/packages /etc/velk/vsf
+    set -- /usr/local/packages /etc/velk/vsf $PLACE
     {
         find "$@" /tmp -xdev -path '/tmp/systemd-private-*' -prune -o \
             \( -type d -printf '%p %y %m %U:%G\n' \) -o -printf '%p %y %m %U:%G %s %l\n' | grep -v '^/tmp d'
@@ -50,7 +50,7 @@ wipe() {
     rm -f _lock/*
     velkctl uninstall App
     # A user that was to be kept for a version that never came is found by the next one.
-    ! getent passwd velk-app || { velkctl install "$FOLDER/App.1.vlp"; velkctl uninstall App; }
+    ! getent passwd velk-app || { velkctl install "$PACKAGES/App.1.vlp" "$LOCATION"; velkctl uninstall App; }
     rm -rf _backup/* /tmp/velkctl_* /etc/velk/vsf/App /etc/velk/vsf/.filesync-*
     find /etc/systemd/system /etc/apache2 /etc/dbus-1/system.d /run/velkctl-param-groups -name '.filesync-*' -delete
     rmdir --ignore-fail-on-non-empty /run/velkctl-param-groups
@@ -59,7 +59,7 @@ recover() {
     [ -d _backup/App ] || return 0
     if [ -f /etc/systemd/system/sdkApp.service ]; then velkctl restore App
     elif [ -d App ]; then velkctl setup App && velkctl restore App
-    else velkctl install "$FOLDER/App.$VERSION.vlp"; fi
+    else velkctl install "$PACKAGES/App.$VERSION.vlp" "$LOCATION"; fi
 }
 facts() {
     echo "data $(cat App/localdata/note 2>/dev/null)"
@@ -93,12 +93,13 @@ class Job:
     repeats: tuple[int, ...] = (0,)  # what the command may answer when it is given again
 
 
-INSTALLED = 'velkctl install "$FOLDER/App.1.vlp"'
+PLACES = {"internal": "", "sd_card1": CARD, "internal_vlpfs": LAYERS}  # and where its files are beside the store
+INSTALLED = 'velkctl install "$PACKAGES/App.1.vlp" "$LOCATION"'
 JOBS = {
-    "install": Job(":", [VELKCTL, "install", f"{FOLDER}/App.1.vlp"]),
-    "upgrade": Job(f"{INSTALLED} && note kept", [VELKCTL, "install", f"{FOLDER}/App.2.vlp"], ("kept",), version=2),
+    "install": Job(":", [VELKCTL, "install", "App.1.vlp"]),
+    "upgrade": Job(f"{INSTALLED} && note kept", [VELKCTL, "install", "App.2.vlp"], ("kept",), version=2),
     "upgrade with an older backup": Job(f"{INSTALLED} && note old && velkctl backup App && note kept",
-                                        [VELKCTL, "install", f"{FOLDER}/App.2.vlp"], ("kept", "old"), version=2),
+                                        [VELKCTL, "install", "App.2.vlp"], ("kept", "old"), version=2),
     # What is uninstalled is to be gone, and what was saved of it.
     "uninstall": Job(f"{INSTALLED} && note kept && velkctl backup App", [VELKCTL, "uninstall", "App"], repeats=(0, 4)),
     "backup": Job(f"{INSTALLED} && note kept", [VELKCTL, "backup", "App"], ("kept",),
@@ -120,7 +121,10 @@ class Life(Scenario):
 
     @property
     def argv(self) -> list[str]:
-        return self.job.argv
+        """The job's, with the package of the location, and the location."""
+        if self.job.argv[1] != "install":
+            return self.job.argv
+        return [*self.job.argv[:2], f"{FOLDER}/{self.location}/{self.job.argv[2]}", self.location]
 
     def trial(self, number: int) -> dict[str, list[str]]:
         return self.script(TRIAL, str(number), *self.argv)
@@ -155,21 +159,31 @@ def machine(device: Device, tmp_path_factory: pytest.TempPathFactory) -> Iterato
     """The device with two versions of a package; afterwards as it was."""
     before = snapshot.take(device)
     folder: Path = tmp_path_factory.mktemp("life")
-    for version in (1, 2):
-        files = section(app("App", version=f"{version}.0.0"), "velkPackageConf.configuration.paramConfig",
-                        [{"name": "Speed", "default": "1", "type": "string"}])  # fmt: skip
-        packed = package.pack(package.write_tree(folder / f"tree{version}", files), folder / f"App.{version}.vlp")
-        device.copy_in(packed, f"{FOLDER}/App.{version}.vlp")
+    settings = device.read(SETTINGS)
+    allow_unsigned(device)
+    device.insert_card()
+    device.sh(f"mkdir -p {CARD}").check()
+    for version, location in itertools.product((1, 2), PLACES):
+        files = app("App", version=f"{version}.0.0")
+        if location != "sd_card1":  # which has no parameters
+            files = section(files, "velkPackageConf.configuration.paramConfig",
+                            [{"name": "Speed", "default": "1", "type": "string"}])  # fmt: skip
+        name = f"{location}/App.{version}.vlp"
+        packed = package.pack(package.write_tree(folder / f"{location}{version}", files), folder / f"{location}.vlp")
+        device.copy_in(packed, f"{FOLDER}/{name}")
     yield device
     device.sh('rm -r "$1"', FOLDER).check()
+    device.remove_card()
+    device.write(SETTINGS, settings)
     assert left_behind(before, device) == []
 
 
 @pytest.fixture
-def life(machine: Device, name: str) -> Iterator[Life]:
+def life(machine: Device, name: str, location: str) -> Iterator[Life]:
     job = JOBS[name]
-    world = WORLD + f"VERSION={job.version}\nrestore() {{ wipe; {job.prepare}; }}\n"
-    made = Life(machine, name, "internal", world, job=job)
+    variables = f"VERSION={job.version}\nLOCATION={location}\nPLACE={PLACES[location]}\nPACKAGES={FOLDER}/{location}\n"
+    world = WORLD + variables + f"restore() {{ wipe; {job.prepare}; }}\n"
+    made = Life(machine, name, location, world, job=job)
     try:
         made.learn()
         yield made
@@ -177,7 +191,9 @@ def life(machine: Device, name: str) -> Iterator[Life]:
         made.script("wipe >/dev/null 2>&1; :")
 
 
-@pytest.mark.parametrize("name", [pytest.param(name, marks=[pytest.mark.full] if " " in name else []) for name in JOBS])
+@pytest.mark.parametrize(("name", "location"), [
+    pytest.param(name, location, marks=[pytest.mark.full] if " " in name or location != "internal" else [])
+    for name, location in itertools.product(JOBS, PLACES)])  # fmt: skip
 def test_killed_before_a_change_nothing_is_lost(life: Life, full: bool, capsys: pytest.CaptureFixture[str]) -> None:
     endings: Counter[str] = Counter()
     for number in itertools.count(1) if full else sample(len(life.points), 2):
@@ -188,4 +204,4 @@ def test_killed_before_a_change_nothing_is_lost(life: Life, full: bool, capsys: 
         endings[life.judge_life(seen)] += 1
     if full:
         with capsys.disabled():
-            print("\n" + summary(life.command, endings))
+            print("\n" + summary(f"{life.command} {life.location}", endings))
