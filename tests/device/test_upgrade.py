@@ -8,6 +8,7 @@ tells both.
 from __future__ import annotations
 
 import json
+import re
 from collections.abc import Iterator
 from typing import Any
 
@@ -52,6 +53,33 @@ def camera(pristine: Device) -> Iterator[Device]:
         pristine.sh(f"! getent passwd velk-{user} || {call}com.orvo.UserManagement1.Application.RemoveUser velk {user}").check()
 
 
+PLACES = {"internal": STORE, "sd_card1": CARD, "internal_vlpfs": LAYERS}
+# Where the files of the package lie, whatever is mounted.
+FILES = {"internal": HELLO, "sd_card1": f"{CARD}/hello/lower", "internal_vlpfs": f"{LAYERS}/hello/upper"}
+
+
+@pytest.fixture(params=[
+    place if place == "internal" else pytest.param(place, marks=pytest.mark.full) for place in PLACES])  # fmt: skip
+def place(camera: Device, request: pytest.FixtureRequest) -> Iterator[str]:
+    """The location of both versions, on a device where there is one."""
+    settings = camera.read(SETTINGS)
+    if request.param == "internal_vlpfs":
+        allow_unsigned(camera)  # without it nothing goes to the layer store, signed or not
+    if request.param == "sd_card1":
+        camera.insert_card()
+    yield request.param
+    if request.param != "internal":
+        camera.velkctl("uninstall", "hello")
+    if request.param == "sd_card1":
+        camera.remove_card()
+    camera.write(SETTINGS, settings)
+
+
+def installs(device: Device, put_package: Put, place: str, **settings: Any) -> None:
+    """The example application can be installed there in this version."""
+    assert install(device, put_package, hello(place, **settings), place) == (0, DONE.format(place))
+
+
 def install(device: Device, put_package: Put, files: dict[str, Any], *options: str, **packing: Any) -> tuple[int, str]:
     """Exit status and log of an installation, without what systemctl says of the mounts that it enables."""
     path = put_package(device, files, **packing)
@@ -85,14 +113,16 @@ def version(device: Device, name: str = "hello") -> str:
     return device.velkctl("list", "--version", name).check().stdout
 
 
-OTHERS = ("file: /etc/passwd:", "file: /etc/group:", "file: /etc/shadow:", "file: /etc/gshadow:", "file: /tmp/packages")
+OTHERS = ("file: /etc/passwd:", "file: /etc/group:", "file: /etc/shadow:", "file: /etc/gshadow:", "file: /tmp/packages",
+          "file: /var/lib/orvo-cards/")  # fmt: skip
 
 
 def left(device: Device, since: snapshot.Snapshot) -> list[str]:
     """
     What has come ("+"), gone ("-") or changed ("~") since then, by name; of a saved file also whose it is and its text.
 
-    The files that hold all users are left out, since the users are told themselves, and the test's own packages.
+    The files that hold all users are left out, since the users are told themselves, and an image of a card, since what
+    lies on the card is; so are the test's own packages.
     """
     held = look_at(device, BACKUPS)
     lines = []
@@ -113,60 +143,70 @@ def saved(app: str, files: dict[str, str]) -> list[str]:
 # --- data, settings and the user ---
 
 
-def test_a_stopped_application_keeps_data_settings_and_user(camera: Device, put_package: Put) -> None:
-    assert install(camera, put_package, hello(), "internal") == (0, DONE.format("internal"))
+def test_a_stopped_application_keeps_data_settings_and_user(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
     assert answer(camera) == "Hello, this is start number 1.\n"
     change_greeting(camera, "Good day")
     assert answer(camera) == "Good day, this is start number 2.\n"
     before, owners = outside(camera, "hello"), tree(camera, HELLO)
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0")
     assert version(camera) == "2.0.0"
     # Users, units, web server, parameters and bus are exactly as before; of the application's own files the record of
     # its last start is gone, since an upgrade starts nothing.
-    new_package = ("/etc/velk/vsf", "/tmp/packages")
+    new_package = ("/etc/velk/vsf", "/tmp/packages", f"{LAYERS}/hello/")
     assert [line for line in outside(camera, "hello") if not any(path in line for path in new_package)] == [
         line for line in before if not any(path in line for path in new_package)]  # fmt: skip
     gone, come = sorted(set(owners) - set(tree(camera, HELLO))), sorted(set(tree(camera, HELLO)) - set(owners))
     # Data that came back is the user's, and no group's of its own.
     data = [f"{HELLO}/localdata d 755", f"{HELLO}/localdata/installed f 644", f"{HELLO}/localdata/starts f 644"]
-    assert gone == [f"{HELLO}/conf/runstate.conf f 644 root:root", f"{data[0]} velk-hello:admin",
-                    *(f"{line} velk-hello:velk-hello" for line in data[1:])]  # fmt: skip
-    assert come == [f"{line} velk-hello:root" for line in data]
+    was = [f"{HELLO}/conf/runstate.conf f 644 root:root", f"{data[0]} velk-hello:admin",
+           *(f"{line} velk-hello:velk-hello" for line in data[1:])]  # fmt: skip
+    now = [f"{line} velk-hello:root" for line in data]
+    if place == "sd_card1":  # where the settings are a file of the package, and become the user's alone
+        was.append(f"{HELLO}/conf/hello.conf f 644 velk-hello:admin")
+        now.append(f"{HELLO}/conf/hello.conf f 600 velk-hello:velk-hello")
+    assert (gone, come) == (sorted(was), sorted(now))
     assert answer(camera) == "Good day, this is start number 3.\n"
     assert (camera.exists(f"{BACKUPS}/hello"), is_locked(camera)) == (False, False)
 
 
-def test_an_application_that_was_never_started_keeps_its_data(camera: Device, put_package: Put) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_an_application_that_was_never_started_keeps_its_data(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
     camera.run(["sh", "-c", f"echo 41 >{HELLO}/localdata/starts"], user="velk-hello").check()
-    assert install(camera, put_package, hello(version="1.0.1"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="1.0.1")
     assert answer(camera) == "Hello, this is start number 42.\n"
 
 
-def test_a_running_application_goes_on_running_as_it_is(camera: Device, put_package: Put) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_a_running_application_goes_on_running_as_it_is(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
     start(camera)
     camera.wait_for(lambda: "number 1" in camera.read(f"{HELLO}/html/status.txt"), "the page")
     pid = camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout
     before = snapshot.take(camera)
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (10, RUNNING.format("hello"))
+    assert install(camera, put_package, hello(place, version="2.0.0"), place) == (10, RUNNING.format("hello"))
     assert camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout == pid
     # The data was saved before the running application was noticed.
-    definition = camera.read(f"{HELLO}/conf/param_hello.conf").replace("\n", "|")
-    assert left(camera, before) == saved("hello", {
-        "hello.conf": 'f 600 root:root [Hello]|Greeting="Hello"|', "localdata": "d 755 root:root",
-        "localdata/installed": "f 644 root:root set up for velk-hello|", "localdata/starts": "f 644 root:root 1|",
-        "param_hello.conf": f"f 600 root:root {definition}"})  # fmt: skip
+    files = {"hello.conf": 'f 600 root:root [Hello]|Greeting="Hello"|', "localdata": "d 755 root:root",
+             "localdata/installed": "f 644 root:root set up for velk-hello|", "localdata/starts": "f 644 root:root 1|",
+             "param_hello.conf": "f 600 root:root "}  # fmt: skip
+    if place == "sd_card1":  # where the settings are a file of the package, and there are no parameters
+        files["hello.conf"] = files["hello.conf"].replace("600", "644")
+        del files["param_hello.conf"]
+    else:
+        files["param_hello.conf"] += camera.read(f"{HELLO}/conf/param_hello.conf").replace("\n", "|")
+    assert left(camera, before) == saved("hello", files)
     assert version(camera) == "1.0.0"
-    assert fetch(camera, "/local/hello/status.txt", "viewer") == ("200", "Hello, this is start number 1.\n")
+    assert fetch(camera, "/local/hello/status.txt", "admin") == ("200", "Hello, this is start number 1.\n")
 
 
 @pytest.mark.parametrize("new", ["1.0.0", "0.9.0"])
-def test_the_same_and_an_older_version_are_upgrades_like_any_other(camera: Device, put_package: Put, new: str) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_the_same_and_an_older_version_are_upgrades_like_any_other(
+    camera: Device, put_package: Put, place: str, new: str
+) -> None:
+    installs(camera, put_package, place)
     change_greeting(camera, "Good day")
     answer(camera)
-    assert install(camera, put_package, hello(version=new), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version=new)
     assert version(camera) == new
     assert answer(camera) == "Good day, this is start number 2.\n"
 
@@ -198,11 +238,11 @@ STATIC = {"user": {"username": "sdk", "group": "sdk"}}
 
 @pytest.mark.parametrize(("old", "new", "user"), [({}, STATIC, "sdk"), (STATIC, {}, "velk-hello")])
 def test_another_user_takes_the_data_over(
-    camera: Device, put_package: Put, old: dict[str, Any], new: dict[str, Any], user: str
+    camera: Device, put_package: Put, place: str, old: dict[str, Any], new: dict[str, Any], user: str
 ) -> None:
-    install(camera, put_package, hello(**old), "internal")
+    installs(camera, put_package, place, **old)
     answer(camera)
-    assert install(camera, put_package, hello(version="2.0.0", **new), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0", **new)
     owned = camera.sh(f"cd {HELLO}; stat -c '%n %U' localdata localdata/starts conf/hello.conf html").check().stdout
     assert owned.split()[1::2] == [user] * 4
     # An application's own user leaves with it; one of the system's stays.
@@ -210,7 +250,6 @@ def test_another_user_takes_the_data_over(
     assert answer(camera) == "Hello, this is start number 2.\n"
 
 
-PLACES = {"internal": STORE, "sd_card1": CARD, "internal_vlpfs": LAYERS}
 USUAL = [("internal_vlpfs", "sd_card1")]
 
 
@@ -253,7 +292,6 @@ def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_packag
     assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
 
 
-
 # --- what is installed is in a bad way ---
 
 
@@ -261,38 +299,63 @@ def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_packag
     f"rm {HELLO}/hello", f"rm -rf {UNITS}/sdkhello.service* {HELLO}/conf/param_hello.conf /etc/dynamic/hello.conf",
     pytest.param(f"rm {UNITS}/sdkhello.service; systemctl daemon-reload", marks=pytest.mark.full),
     pytest.param(f"rm -r {HELLO}/html {HELLO}/LICENSE", marks=pytest.mark.full)])  # fmt: skip
-def test_a_broken_application_is_replaced(camera: Device, put_package: Put, harm: str) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_a_broken_application_is_replaced(camera: Device, put_package: Put, place: str, harm: str) -> None:
+    installs(camera, put_package, place)
     answer(camera)
     camera.sh(harm).check()
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0")
     assert answer(camera) == "Hello, this is start number 2.\n"
 
 
-def test_an_application_that_is_only_imported_is_replaced(camera: Device, put_package: Put) -> None:
-    camera.velkctl("import", put_package(camera, hello())).check()
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+# What is not set up has no mounts to stop, which is told of each and counts for nothing.
+OVERLAY, LOWER = "usr-local-packages-hello.mount", "opt-packages-_layers-hello-lower.mount"
+NOT_LOADED = {"internal": [], "sd_card1": [OVERLAY], "internal_vlpfs": [OVERLAY, LOWER]}
+
+
+def replaces_what_is_not_set_up(device: Device, put_package: Put, place: str) -> None:
+    """A second version can be installed over the application, which is stored there."""
+    status, told = install(device, put_package, hello(place, version="2.0.0"), place)
+    assert (status, told.splitlines(keepends=True)[-1]) == (0, DONE.format(place))
+    assert re.findall(r"^Failed to stop (\S+): Unit \1 not loaded\.$", told, re.M) == NOT_LOADED[place]
+
+
+def test_an_application_that_is_only_imported_is_replaced(camera: Device, put_package: Put, place: str) -> None:
+    camera.velkctl("import", put_package(camera, hello(place)), place).check()
+    replaces_what_is_not_set_up(camera, put_package, place)
     assert answer(camera) == "Hello, this is start number 1.\n"
 
 
-def test_an_application_that_crashed_is_replaced(camera: Device, put_package: Put) -> None:
-    install(camera, put_package, hello(runMode="once") | {"hello": "#!/bin/sh\necho 6 >localdata/starts\nexit 3\n"}, "internal")
+def test_an_application_that_crashed_is_replaced(camera: Device, put_package: Put, place: str) -> None:
+    crashing = hello(place, runMode="once") | {"hello": "#!/bin/sh\necho 6 >localdata/starts\nexit 3\n"}
+    assert install(camera, put_package, crashing, place) == (0, DONE.format(place))
     start(camera)
     camera.wait_for(lambda: camera.run(["systemctl", "is-failed", "sdkhello.service"]).status == 0, "the crash")
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0")
     assert answer(camera) == "Hello, this is start number 7.\n"
     camera.run(["systemctl", "reset-failed"]).check()
+
+
+def test_an_application_that_is_torn_down_keeps_its_data(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
+    change_greeting(camera, "Good day")
+    assert answer(camera) == "Good day, this is start number 1.\n"
+    camera.velkctl("teardown", "hello").check()
+    replaces_what_is_not_set_up(camera, put_package, place)
+    # The settings went with the teardown.
+    assert answer(camera) == "Hello, this is start number 2.\n"
 
 
 TORN = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of hello"
 
 
-def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(camera: Device, put_package: Put) -> None:
+def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(
+    camera: Device, put_package: Put, place: str
+) -> None:
     """Its vendor and its user are unknown, which is no hindrance; that the teardown misses the manifest is one."""
-    install(camera, put_package, hello(), "internal")
+    installs(camera, put_package, place)
     answer(camera)
-    camera.sh(f"chattr -i {HELLO}/manifest.json; echo '{{' >{HELLO}/manifest.json").check()
-    status, told = install(camera, put_package, hello(version="2.0.0", vendorId="others"), "internal")
+    camera.sh(f"cd {FILES[place]}; chattr -i manifest.json; echo '{{' >manifest.json").check()
+    status, told = install(camera, put_package, hello(place, version="2.0.0", vendorId="others"), place)
     assert (status, told.splitlines()[-1]) == (10, TORN)
     assert "Failed to get the manifest JSON object during teardown of hello: " in told
     assert (stored(camera), is_locked(camera)) == (["hello"], False)
