@@ -292,6 +292,41 @@ def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_packag
     assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
 
 
+NOT_FOUND = f"src/system/file.cpp: Path not found: {HELLO}/manifest.json\n"
+NOTHING_TO_TEAR_DOWN = (
+    f"Failed to get the manifest JSON object during teardown of hello: {NOT_FOUND}"
+    "Failed to run remove for plugins during teardown of hello: While calling plugin function remove. "
+    f"Could not retrieve user for for VELK hello: {NOT_FOUND}"
+    f"Failed to teardown user during teardown of hello: {NOT_FOUND}"
+)
+
+
+def test_an_upgrade_from_the_second_card_fails_in_teardown_every_time(camera: Device, put_package: Put) -> None:
+    """
+    What is imported there is reached by a link to a "lower" directory that this card's applications do not have.
+
+    So the teardown finds no manifest, and an upgrade ends with it; only an uninstallation goes on.
+    """
+    camera.insert_card("SD_DISK2")
+    try:
+        without = snapshot.take(camera)
+        camera.velkctl("import", put_package(camera, hello("sd_card2")), "sd_card2").check()
+        before, on_card = snapshot.take(camera), tree(camera, f"{CARD2}/hello")
+        for _ in range(2):
+            assert install(camera, put_package, hello(version="2.0.0"), "internal") == (
+                10, NOTHING_TO_TEAR_DOWN + TORN + "\n")  # fmt: skip
+            # What could be saved through the link is nothing.
+            assert (left(camera, before), tree(camera, f"{CARD2}/hello"), is_locked(camera)) == (
+                saved("hello", {}), on_card, False)  # fmt: skip
+        told = NOTHING_TO_TEAR_DOWN + TORN.removeprefix("code 10: ") + "\nSuccessfully uninstalled application 'hello'\n"
+        assert velkctl(camera, "uninstall", "hello") == (0, told)
+        assert (left(camera, without), tree(camera, f"{CARD2}/hello")) == ([], [])
+    finally:
+        camera.velkctl("uninstall", "hello")
+        camera.remove_card("SD_DISK2")
+    installs(camera, put_package, "internal", version="2.0.0")
+
+
 # --- what is installed is in a bad way ---
 
 
