@@ -533,6 +533,9 @@ def test_a_removal_that_fails_leaves_the_old_version_stored_and_its_data_saved(u
                                   f"{STORE}/Sample to {STORE}/Sample.tmp: Operation not permitted\n")  # fmt: skip
     assert version(upgrade.device, "Sample") == "1.0.0"
     assert upgrade.left() == sorted([*TORN_DOWN, f"-{RECORD}", *SAVED])
+    # The settings, which went with the teardown, are those that were saved before.
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.left() == UPGRADED
 
 
 def test_a_removal_that_fails_half_way_leaves_the_rest_aside_and_the_data_saved(upgrade: Upgrade) -> None:
