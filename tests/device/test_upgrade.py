@@ -140,6 +140,17 @@ def saved(app: str, files: dict[str, str]) -> list[str]:
     return sorted([f"+{place}: d 755 root:root", *(f"+{place}/{name}: {facts}" for name, facts in files.items())])
 
 
+def saved_of_started(device: Device, place: str = "internal") -> list[str]:
+    """The same for the example application as it is now: installed there and started once."""
+    files = {"hello.conf": 'f 600 root:root [Hello]|Greeting="Hello"|', "localdata": "d 755 root:root",
+             "localdata/installed": "f 644 root:root set up for velk-hello|",
+             "localdata/starts": "f 644 root:root 1|"}  # fmt: skip
+    if place == "sd_card1":  # where the settings are a file of the package, and there are no parameters
+        return saved("hello", files | {"hello.conf": files["hello.conf"].replace("600", "644")})
+    files["param_hello.conf"] = "f 600 root:root " + device.read(f"{HELLO}/conf/param_hello.conf").replace("\n", "|")
+    return saved("hello", files)
+
+
 # --- data, settings and the user ---
 
 
@@ -186,15 +197,7 @@ def test_a_running_application_goes_on_running_as_it_is(camera: Device, put_pack
     assert install(camera, put_package, hello(place, version="2.0.0"), place) == (10, RUNNING.format("hello"))
     assert camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout == pid
     # The data was saved before the running application was noticed.
-    files = {"hello.conf": 'f 600 root:root [Hello]|Greeting="Hello"|', "localdata": "d 755 root:root",
-             "localdata/installed": "f 644 root:root set up for velk-hello|", "localdata/starts": "f 644 root:root 1|",
-             "param_hello.conf": "f 600 root:root "}  # fmt: skip
-    if place == "sd_card1":  # where the settings are a file of the package, and there are no parameters
-        files["hello.conf"] = files["hello.conf"].replace("600", "644")
-        del files["param_hello.conf"]
-    else:
-        files["param_hello.conf"] += camera.read(f"{HELLO}/conf/param_hello.conf").replace("\n", "|")
-    assert left(camera, before) == saved("hello", files)
+    assert left(camera, before) == saved_of_started(camera, place)
     assert version(camera) == "1.0.0"
     assert fetch(camera, "/local/hello/status.txt", "admin") == ("200", "Hello, this is start number 1.\n")
 
@@ -283,21 +286,24 @@ def test_an_upgrade_to_another_location(camera: Device, put_package: Put, old: s
 def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_package: Put) -> None:
     """The link to an application there leads to a directory that nobody makes, so nothing can be set up from it."""
     camera.sh(f"mkdir -p {CARD2}").check()
-    install(camera, put_package, hello(), "internal")
+    installs(camera, put_package, "internal")
     answer(camera)
-    status, told = install(camera, put_package, hello("sd_card2", version="2.0.0"), "sd_card2")
+    data = saved_of_started(camera)
+    outcome = install(camera, put_package, hello("sd_card2", version="2.0.0"), "sd_card2")
+    on_card = tree(camera, f"{CARD2}/hello")
     camera.sh(f"rmdir {CARD2} $(dirname {CARD2})").check()
-    assert (status, told) == (29, f"code 29: src/system/file.cpp: Path not found: {HELLO}/manifest.json\n")
-    assert (stored(camera), is_locked(camera), camera.exists(f"{CARD2}/hello")) == ([], False, False)
-    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
+    assert outcome == (29, f"code 29: src/system/file.cpp: Path not found: {HELLO}/manifest.json\n")
+    user = ["+/var/lib/orvo/api-access/velk-hello", "+group velk-hello", "+user velk-hello"]
+    assert (left(camera, LAST_SEEN[camera.name]), on_card, is_locked(camera)) == (sorted(data + user), [], False)
 
 
+TORN = "src/integration/velkctl-teardown.cpp: Failure during teardown of hello\n"
 NOT_FOUND = f"src/system/file.cpp: Path not found: {HELLO}/manifest.json\n"
-NOTHING_TO_TEAR_DOWN = (
-    f"Failed to get the manifest JSON object during teardown of hello: {NOT_FOUND}"
+UNREAD = (
+    "Failed to get the manifest JSON object during teardown of hello: {0}"
     "Failed to run remove for plugins during teardown of hello: While calling plugin function remove. "
-    f"Could not retrieve user for for VELK hello: {NOT_FOUND}"
-    f"Failed to teardown user during teardown of hello: {NOT_FOUND}"
+    "Could not retrieve user for for VELK hello: {0}"
+    "Failed to teardown user during teardown of hello: {0}"
 )
 
 
@@ -313,12 +319,12 @@ def test_an_upgrade_from_the_second_card_fails_in_teardown_every_time(camera: De
         camera.velkctl("import", put_package(camera, hello("sd_card2")), "sd_card2").check()
         before, on_card = snapshot.take(camera), tree(camera, f"{CARD2}/hello")
         for _ in range(2):
-            assert install(camera, put_package, hello(version="2.0.0"), "internal") == (
-                10, NOTHING_TO_TEAR_DOWN + TORN + "\n")  # fmt: skip
+            outcome = install(camera, put_package, hello(version="2.0.0"), "internal")
+            assert outcome == (10, UNREAD.format(NOT_FOUND) + "code 10: " + TORN)
             # What could be saved through the link is nothing.
             assert (left(camera, before), tree(camera, f"{CARD2}/hello"), is_locked(camera)) == (
                 saved("hello", {}), on_card, False)  # fmt: skip
-        told = NOTHING_TO_TEAR_DOWN + TORN.removeprefix("code 10: ") + "\nSuccessfully uninstalled application 'hello'\n"
+        told = UNREAD.format(NOT_FOUND) + TORN + "Successfully uninstalled application 'hello'\n"
         assert velkctl(camera, "uninstall", "hello") == (0, told)
         assert (left(camera, without), tree(camera, f"{CARD2}/hello")) == ([], [])
     finally:
@@ -380,22 +386,35 @@ def test_an_application_that_is_torn_down_keeps_its_data(camera: Device, put_pac
     assert answer(camera) == "Hello, this is start number 2.\n"
 
 
-TORN = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of hello"
+SERVICE = [f"{UNITS}/sdkhello.service{name}" for name in ("", ".d", ".d/50-orvo-network.conf")]
+WEB = ["/etc/apache2/conf.d/vhosts/all/urls_hello.conf", "/usr/html/local/hello"]
+PARAMETERS = ["/etc/dbus-1/system.d/hello.conf", "/etc/dynamic/hello.conf", "/etc/dynamic/param/hello.conf",
+              "/run/velkctl-param-groups", "/run/velkctl-param-groups/Hello"]  # fmt: skip
+MOUNTED = [f"attribute {HELLO}/manifest.json", f"attribute {HELLO}/package.conf", f"mount {HELLO}", f"unit {OVERLAY}",
+           f"{UNITS}/{OVERLAY}"]  # fmt: skip
+POLLING, LAYER_WANTS = "sdkhello-disk-mounted.service", f"{UNITS}/local-fs.target.wants"
+# What a teardown takes away without knowing the manifest.
+TORN_DOWN_UNREAD = {place: [f"-{name}" for name in [*WEB, *SERVICE, *names]] for place, names in {
+    "internal": [*PARAMETERS, f"{HELLO}/conf/hello.conf", f"{HELLO}/conf/param_hello.conf"],
+    "sd_card1": [*MOUNTED, f"{UNITS}/{POLLING}", f"unit {POLLING}", f"{UNITS}/velk.target.wants",
+                 f"{UNITS}/velk.target.wants/{OVERLAY}"],
+    "internal_vlpfs": [
+        *PARAMETERS, *MOUNTED, LAYER_WANTS, f"{LAYER_WANTS}/{LOWER}", f"{LAYER_WANTS}/{OVERLAY}", f"{UNITS}/{LOWER}",
+        f"{LAYERS}/hello/lower", f"mount {LAYERS}/hello/lower", f"unit {LOWER}",
+        f"{LAYERS}/hello/upper/conf/hello.conf", f"{LAYERS}/hello/upper/conf/param_hello.conf"]}.items()}  # fmt: skip
 
 
-def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(
-    camera: Device, put_package: Put, place: str
-) -> None:
+def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(camera: Device, put_package: Put, place: str) -> None:
     """Its vendor and its user are unknown, which is no hindrance; that the teardown misses the manifest is one."""
     installs(camera, put_package, place)
     answer(camera)
     camera.sh(f"cd {FILES[place]}; chattr -i manifest.json; echo '{{' >manifest.json").check()
-    status, told = install(camera, put_package, hello(place, version="2.0.0", vendorId="others"), place)
-    assert (status, told.splitlines()[-1]) == (10, TORN)
-    assert "Failed to get the manifest JSON object during teardown of hello: " in told
-    assert (stored(camera), is_locked(camera)) == (["hello"], False)
-    assert not camera.exists(f"{UNITS}/sdkhello.service")
-    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
+    before, data = snapshot.take(camera), saved_of_started(camera, place)
+    outcome = install(camera, put_package, hello(place, version="2.0.0", vendorId="others"), place)
+    assert outcome == (10, UNREAD.format("JSON error: string or '}' expected near end of file\n") + "code 10: " + TORN)
+    # Where the application was mounted there is the link to it again.
+    link = [] if place == "internal" else [f"~{HELLO}"]
+    assert (left(camera, before), is_locked(camera)) == (sorted(TORN_DOWN_UNREAD[place] + data + link), False)
 
 
 def test_an_application_of_the_older_form_is_not_replaced_either(camera: Device, put_package: Put) -> None:
@@ -403,11 +422,11 @@ def test_an_application_of_the_older_form_is_not_replaced_either(camera: Device,
     camera.write(f"{HELLO}/package.conf", conf)
     camera.write(f"{HELLO}/localdata/starts", "8\n")
     assert camera.velkctl("list", "--legacy-apps").stdout == '["hello"]'
-    status, told = install(camera, put_package, hello(version="2.0.0"), "internal")
-    assert (status, told.splitlines()[-1]) == (10, TORN)
-    assert camera.read(f"{HELLO}/package.conf") == conf
-    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "8\n"
-    assert not is_locked(camera)
+    before = snapshot.take(camera)
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (
+        10, UNREAD.format(NOT_FOUND) + "code 10: " + TORN)  # fmt: skip
+    data = {"localdata": "d 755 root:root", "localdata/starts": "f 644 root:root 8|"}
+    assert (left(camera, before), is_locked(camera)) == (saved("hello", data), False)
 
 
 # --- each step fails in turn ---
