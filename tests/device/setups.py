@@ -80,6 +80,22 @@ def outside(device: Device, name: str) -> list[str]:
     ]
 
 
+# What lies at and below these paths: kind, mode, owner, a link's target, a file's text with | for line ends.
+LOOK = r"""
+for path; do
+    [ -e "$path" ] || [ -L "$path" ] || continue
+    find "$path" -printf '%p\t%y %m %u:%g %l' \
+        '(' ! -type f -o -exec sh -c 'head -c 2000 "$1" | tr "\n" "|"' - {} \; ')' -printf '\n'
+done
+"""
+
+
+def look_at(device: Device, *paths: str) -> dict[str, str]:
+    """Each path at and below these, with what it is and what it holds."""
+    lines = device.sh(LOOK, *paths).check().stdout.splitlines()
+    return dict(line.split("\t", 1) for line in lines)
+
+
 @contextmanager
 def changed(device: Device, path: str, text: str) -> Iterator[None]:
     """A file of the device with another text for a while."""

@@ -9,7 +9,7 @@ from typing import Any
 import pytest
 import stepper
 from apps import LOCK, app, is_locked, without_place
-from setups import STORE, Put, program, section
+from setups import LOOK, STORE, Put, look_at, program, section
 from store_support import LAYERS
 from velkdevice import package, snapshot
 from velkdevice.device import Device
@@ -31,19 +31,9 @@ DEFINITION = (
     'param Colour {|  mount = "Standard2{Sample}{Colour}"|  type = "string"|}|}|'
 )  # fmt: skip
 
-# What lies at and below these paths: kind, mode, owner, a link's target, a file's text with | for line ends.
-LOOK = r"""
-for path; do
-    [ -e "$path" ] || [ -L "$path" ] || continue
-    find "$path" -printf '%p\t%y %m %u:%g %l' \
-        '(' ! -type f -o -exec sh -c 'head -c 2000 "$1" | tr "\n" "|"' - {} \; ')' -printf '\n'
-done
-"""
-
 
 def look(device: Device, *paths: str) -> dict[str, str]:
-    lines = device.sh(LOOK, *(paths or (f"{SAMPLE}/conf", f"{SAMPLE}/localdata", BACKUPS))).check().stdout.splitlines()
-    return dict(line.split("\t", 1) for line in lines)
+    return look_at(device, *(paths or (f"{SAMPLE}/conf", f"{SAMPLE}/localdata", BACKUPS)))
 
 
 def below(path: str, entries: dict[str, str]) -> dict[str, str]:

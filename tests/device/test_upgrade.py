@@ -8,13 +8,14 @@ tells both.
 from __future__ import annotations
 
 import json
+import re
 from collections.abc import Iterator
 from typing import Any
 
 import pytest
 from apps import LOCK, app, example, installation, is_locked, stored, uninstallation, without_place
 from conftest import LAST_SEEN
-from setups import SETTINGS, STORE, UNITS, Put, changed, failing, fetch, outside, program, section, velkctl
+from setups import SETTINGS, STORE, UNITS, Put, changed, failing, fetch, look_at, outside, program, section, velkctl
 from store_support import CARD, CARD2, LAYERS, allow_unsigned, tree
 from velkdevice import snapshot
 from velkdevice.device import Device
@@ -45,10 +46,38 @@ def camera(pristine: Device) -> Iterator[Device]:
         if pristine.exists(f"{STORE}/{name}"):
             pristine.velkctl("uninstall", name)
     # What the failures leave on purpose: the saved data, the user that was to be kept, and records of packages.
+    pristine.sh(f"chattr -R -f -i {STORE}/*.tmp")
     pristine.sh(f"rm -rf {BACKUPS}/* {STORE}/*.tmp /etc/velk/vsf/hello /etc/velk/vsf/Sample /tmp/velkctl_*")
     for user in ("hello", "sample"):
         call = "gdbus call --system -d com.orvo.UserManagement1 -o /com/orvo/UserManagement1 -m "
         pristine.sh(f"! getent passwd velk-{user} || {call}com.orvo.UserManagement1.Application.RemoveUser velk {user}").check()
+
+
+PLACES = {"internal": STORE, "sd_card1": CARD, "internal_vlpfs": LAYERS}
+# Where the files of the package lie, whatever is mounted.
+FILES = {"internal": HELLO, "sd_card1": f"{CARD}/hello/lower", "internal_vlpfs": f"{LAYERS}/hello/upper"}
+
+
+@pytest.fixture(params=[
+    place if place == "internal" else pytest.param(place, marks=pytest.mark.full) for place in PLACES])  # fmt: skip
+def place(camera: Device, request: pytest.FixtureRequest) -> Iterator[str]:
+    """The location of both versions, on a device where there is one."""
+    settings = camera.read(SETTINGS)
+    if request.param == "internal_vlpfs":
+        allow_unsigned(camera)  # without it nothing goes to the layer store, signed or not
+    if request.param == "sd_card1":
+        camera.insert_card()
+    yield request.param
+    if request.param != "internal":
+        camera.velkctl("uninstall", "hello")
+    if request.param == "sd_card1":
+        camera.remove_card()
+    camera.write(SETTINGS, settings)
+
+
+def installs(device: Device, put_package: Put, place: str, **settings: Any) -> None:
+    """The example application can be installed there in this version."""
+    assert install(device, put_package, hello(place, **settings), place) == (0, DONE.format(place))
 
 
 def install(device: Device, put_package: Put, files: dict[str, Any], *options: str, **packing: Any) -> tuple[int, str]:
@@ -84,61 +113,103 @@ def version(device: Device, name: str = "hello") -> str:
     return device.velkctl("list", "--version", name).check().stdout
 
 
+OTHERS = ("file: /etc/passwd:", "file: /etc/group:", "file: /etc/shadow:", "file: /etc/gshadow:", "file: /tmp/packages",
+          "file: /var/lib/orvo-cards/")  # fmt: skip
+
+
+def left(device: Device, since: snapshot.Snapshot) -> list[str]:
+    """
+    What has come ("+"), gone ("-") or changed ("~") since then, by name; of a saved file also whose it is and its text.
+
+    The files that hold all users are left out, since the users are told themselves, and an image of a card, since what
+    lies on the card is; so are the test's own packages.
+    """
+    held = look_at(device, BACKUPS)
+    lines = []
+    for line in since.differences(snapshot.take(device)):
+        kind, name, _ = line[2:].split(": ", 2)
+        if not line[2:].startswith(OTHERS):
+            facts = f": {held[name].strip()}" if kind == "file" and name in held else ""
+            lines.append(line[0] + ("" if kind == "file" else f"{kind} ") + name + facts)
+    return sorted(lines)
+
+
+def saved(app: str, files: dict[str, str]) -> list[str]:
+    """The lines of `left` for a backup of these files."""
+    place = f"{BACKUPS}/{app}"
+    return sorted([f"+{place}: d 755 root:root", *(f"+{place}/{name}: {facts}" for name, facts in files.items())])
+
+
+def saved_of_started(device: Device, place: str = "internal") -> list[str]:
+    """The same for the example application as it is now: installed there and started once."""
+    files = {"hello.conf": 'f 600 root:root [Hello]|Greeting="Hello"|', "localdata": "d 755 root:root",
+             "localdata/installed": "f 644 root:root set up for velk-hello|",
+             "localdata/starts": "f 644 root:root 1|"}  # fmt: skip
+    if place == "sd_card1":  # where the settings are a file of the package, and there are no parameters
+        return saved("hello", files | {"hello.conf": files["hello.conf"].replace("600", "644")})
+    files["param_hello.conf"] = "f 600 root:root " + device.read(f"{HELLO}/conf/param_hello.conf").replace("\n", "|")
+    return saved("hello", files)
+
+
 # --- data, settings and the user ---
 
 
-def test_a_stopped_application_keeps_data_settings_and_user(camera: Device, put_package: Put) -> None:
-    assert install(camera, put_package, hello(), "internal") == (0, DONE.format("internal"))
+def test_a_stopped_application_keeps_data_settings_and_user(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
     assert answer(camera) == "Hello, this is start number 1.\n"
     change_greeting(camera, "Good day")
     assert answer(camera) == "Good day, this is start number 2.\n"
     before, owners = outside(camera, "hello"), tree(camera, HELLO)
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0")
     assert version(camera) == "2.0.0"
     # Users, units, web server, parameters and bus are exactly as before; of the application's own files the record of
     # its last start is gone, since an upgrade starts nothing.
-    new_package = ("/etc/velk/vsf", "/tmp/packages")
+    new_package = ("/etc/velk/vsf", "/tmp/packages", f"{LAYERS}/hello/")
     assert [line for line in outside(camera, "hello") if not any(path in line for path in new_package)] == [
         line for line in before if not any(path in line for path in new_package)]  # fmt: skip
     gone, come = sorted(set(owners) - set(tree(camera, HELLO))), sorted(set(tree(camera, HELLO)) - set(owners))
     # Data that came back is the user's, and no group's of its own.
     data = [f"{HELLO}/localdata d 755", f"{HELLO}/localdata/installed f 644", f"{HELLO}/localdata/starts f 644"]
-    assert gone == [f"{HELLO}/conf/runstate.conf f 644 root:root", f"{data[0]} velk-hello:admin",
-                    *(f"{line} velk-hello:velk-hello" for line in data[1:])]  # fmt: skip
-    assert come == [f"{line} velk-hello:root" for line in data]
+    was = [f"{HELLO}/conf/runstate.conf f 644 root:root", f"{data[0]} velk-hello:admin",
+           *(f"{line} velk-hello:velk-hello" for line in data[1:])]  # fmt: skip
+    now = [f"{line} velk-hello:root" for line in data]
+    if place == "sd_card1":  # where the settings are a file of the package, and become the user's alone
+        was.append(f"{HELLO}/conf/hello.conf f 644 velk-hello:admin")
+        now.append(f"{HELLO}/conf/hello.conf f 600 velk-hello:velk-hello")
+    assert (gone, come) == (sorted(was), sorted(now))
     assert answer(camera) == "Good day, this is start number 3.\n"
     assert (camera.exists(f"{BACKUPS}/hello"), is_locked(camera)) == (False, False)
 
 
-def test_an_application_that_was_never_started_keeps_its_data(camera: Device, put_package: Put) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_an_application_that_was_never_started_keeps_its_data(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
     camera.run(["sh", "-c", f"echo 41 >{HELLO}/localdata/starts"], user="velk-hello").check()
-    assert install(camera, put_package, hello(version="1.0.1"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="1.0.1")
     assert answer(camera) == "Hello, this is start number 42.\n"
 
 
-def test_a_running_application_goes_on_running_as_it_is(camera: Device, put_package: Put) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_a_running_application_goes_on_running_as_it_is(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
     start(camera)
     camera.wait_for(lambda: "number 1" in camera.read(f"{HELLO}/html/status.txt"), "the page")
     pid = camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout
     before = snapshot.take(camera)
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (10, RUNNING.format("hello"))
+    assert install(camera, put_package, hello(place, version="2.0.0"), place) == (10, RUNNING.format("hello"))
     assert camera.run(["systemctl", "show", "-P", "MainPID", "sdkhello.service"]).stdout == pid
     # The data was saved before the running application was noticed.
-    made = [line.split(": ")[1] for line in before.differences(snapshot.take(camera)) if "/tmp/packages" not in line]
-    saved = ["", "/hello.conf", "/localdata", "/localdata/installed", "/localdata/starts", "/param_hello.conf"]
-    assert made == [f"{BACKUPS}/hello{name}" for name in saved]
+    assert left(camera, before) == saved_of_started(camera, place)
     assert version(camera) == "1.0.0"
-    assert fetch(camera, "/local/hello/status.txt", "viewer") == ("200", "Hello, this is start number 1.\n")
+    assert fetch(camera, "/local/hello/status.txt", "admin") == ("200", "Hello, this is start number 1.\n")
 
 
 @pytest.mark.parametrize("new", ["1.0.0", "0.9.0"])
-def test_the_same_and_an_older_version_are_upgrades_like_any_other(camera: Device, put_package: Put, new: str) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_the_same_and_an_older_version_are_upgrades_like_any_other(
+    camera: Device, put_package: Put, place: str, new: str
+) -> None:
+    installs(camera, put_package, place)
     change_greeting(camera, "Good day")
     answer(camera)
-    assert install(camera, put_package, hello(version=new), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version=new)
     assert version(camera) == new
     assert answer(camera) == "Good day, this is start number 2.\n"
 
@@ -170,11 +241,11 @@ STATIC = {"user": {"username": "sdk", "group": "sdk"}}
 
 @pytest.mark.parametrize(("old", "new", "user"), [({}, STATIC, "sdk"), (STATIC, {}, "velk-hello")])
 def test_another_user_takes_the_data_over(
-    camera: Device, put_package: Put, old: dict[str, Any], new: dict[str, Any], user: str
+    camera: Device, put_package: Put, place: str, old: dict[str, Any], new: dict[str, Any], user: str
 ) -> None:
-    install(camera, put_package, hello(**old), "internal")
+    installs(camera, put_package, place, **old)
     answer(camera)
-    assert install(camera, put_package, hello(version="2.0.0", **new), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0", **new)
     owned = camera.sh(f"cd {HELLO}; stat -c '%n %U' localdata localdata/starts conf/hello.conf html").check().stdout
     assert owned.split()[1::2] == [user] * 4
     # An application's own user leaves with it; one of the system's stays.
@@ -182,7 +253,6 @@ def test_another_user_takes_the_data_over(
     assert answer(camera) == "Hello, this is start number 2.\n"
 
 
-PLACES = {"internal": STORE, "sd_card1": CARD, "internal_vlpfs": LAYERS}
 USUAL = [("internal_vlpfs", "sd_card1")]
 
 
@@ -216,14 +286,51 @@ def test_an_upgrade_to_another_location(camera: Device, put_package: Put, old: s
 def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_package: Put) -> None:
     """The link to an application there leads to a directory that nobody makes, so nothing can be set up from it."""
     camera.sh(f"mkdir -p {CARD2}").check()
-    install(camera, put_package, hello(), "internal")
+    installs(camera, put_package, "internal")
     answer(camera)
-    status, told = install(camera, put_package, hello("sd_card2", version="2.0.0"), "sd_card2")
+    data = saved_of_started(camera)
+    outcome = install(camera, put_package, hello("sd_card2", version="2.0.0"), "sd_card2")
+    on_card = tree(camera, f"{CARD2}/hello")
     camera.sh(f"rmdir {CARD2} $(dirname {CARD2})").check()
-    assert (status, told) == (29, f"code 29: src/system/file.cpp: Path not found: {HELLO}/manifest.json\n")
-    assert (stored(camera), is_locked(camera), camera.exists(f"{CARD2}/hello")) == ([], False, False)
-    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
+    assert outcome == (29, f"code 29: src/system/file.cpp: Path not found: {HELLO}/manifest.json\n")
+    user = ["+/var/lib/orvo/api-access/velk-hello", "+group velk-hello", "+user velk-hello"]
+    assert (left(camera, LAST_SEEN[camera.name]), on_card, is_locked(camera)) == (sorted(data + user), [], False)
 
+
+TORN = "src/integration/velkctl-teardown.cpp: Failure during teardown of hello\n"
+NOT_FOUND = f"src/system/file.cpp: Path not found: {HELLO}/manifest.json\n"
+UNREAD = (
+    "Failed to get the manifest JSON object during teardown of hello: {0}"
+    "Failed to run remove for plugins during teardown of hello: While calling plugin function remove. "
+    "Could not retrieve user for for VELK hello: {0}"
+    "Failed to teardown user during teardown of hello: {0}"
+)
+
+
+def test_an_upgrade_from_the_second_card_fails_in_teardown_every_time(camera: Device, put_package: Put) -> None:
+    """
+    What is imported there is reached by a link to a "lower" directory that this card's applications do not have.
+
+    So the teardown finds no manifest, and an upgrade ends with it; only an uninstallation goes on.
+    """
+    camera.insert_card("SD_DISK2")
+    try:
+        without = snapshot.take(camera)
+        camera.velkctl("import", put_package(camera, hello("sd_card2")), "sd_card2").check()
+        before, on_card = snapshot.take(camera), tree(camera, f"{CARD2}/hello")
+        for _ in range(2):
+            outcome = install(camera, put_package, hello(version="2.0.0"), "internal")
+            assert outcome == (10, UNREAD.format(NOT_FOUND) + "code 10: " + TORN)
+            # What could be saved through the link is nothing.
+            assert (left(camera, before), tree(camera, f"{CARD2}/hello"), is_locked(camera)) == (
+                saved("hello", {}), on_card, False)  # fmt: skip
+        told = UNREAD.format(NOT_FOUND) + TORN + "Successfully uninstalled application 'hello'\n"
+        assert velkctl(camera, "uninstall", "hello") == (0, told)
+        assert (left(camera, without), tree(camera, f"{CARD2}/hello")) == ([], [])
+    finally:
+        camera.velkctl("uninstall", "hello")
+        camera.remove_card("SD_DISK2")
+    installs(camera, put_package, "internal", version="2.0.0")
 
 
 # --- what is installed is in a bad way ---
@@ -233,43 +340,81 @@ def test_an_upgrade_to_the_second_card_fails_in_setup(camera: Device, put_packag
     f"rm {HELLO}/hello", f"rm -rf {UNITS}/sdkhello.service* {HELLO}/conf/param_hello.conf /etc/dynamic/hello.conf",
     pytest.param(f"rm {UNITS}/sdkhello.service; systemctl daemon-reload", marks=pytest.mark.full),
     pytest.param(f"rm -r {HELLO}/html {HELLO}/LICENSE", marks=pytest.mark.full)])  # fmt: skip
-def test_a_broken_application_is_replaced(camera: Device, put_package: Put, harm: str) -> None:
-    install(camera, put_package, hello(), "internal")
+def test_a_broken_application_is_replaced(camera: Device, put_package: Put, place: str, harm: str) -> None:
+    installs(camera, put_package, place)
     answer(camera)
     camera.sh(harm).check()
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0")
     assert answer(camera) == "Hello, this is start number 2.\n"
 
 
-def test_an_application_that_is_only_imported_is_replaced(camera: Device, put_package: Put) -> None:
-    camera.velkctl("import", put_package(camera, hello())).check()
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+# What is not set up has no mounts to stop, which is told of each and counts for nothing.
+OVERLAY, LOWER = "usr-local-packages-hello.mount", "opt-packages-_layers-hello-lower.mount"
+NOT_LOADED = {"internal": [], "sd_card1": [OVERLAY], "internal_vlpfs": [OVERLAY, LOWER]}
+
+
+def replaces_what_is_not_set_up(device: Device, put_package: Put, place: str) -> None:
+    """A second version can be installed over the application, which is stored there."""
+    status, told = install(device, put_package, hello(place, version="2.0.0"), place)
+    assert (status, told.splitlines(keepends=True)[-1]) == (0, DONE.format(place))
+    assert re.findall(r"^Failed to stop (\S+): Unit \1 not loaded\.$", told, re.M) == NOT_LOADED[place]
+
+
+def test_an_application_that_is_only_imported_is_replaced(camera: Device, put_package: Put, place: str) -> None:
+    camera.velkctl("import", put_package(camera, hello(place)), place).check()
+    replaces_what_is_not_set_up(camera, put_package, place)
     assert answer(camera) == "Hello, this is start number 1.\n"
 
 
-def test_an_application_that_crashed_is_replaced(camera: Device, put_package: Put) -> None:
-    install(camera, put_package, hello(runMode="once") | {"hello": "#!/bin/sh\necho 6 >localdata/starts\nexit 3\n"}, "internal")
+def test_an_application_that_crashed_is_replaced(camera: Device, put_package: Put, place: str) -> None:
+    crashing = hello(place, runMode="once") | {"hello": "#!/bin/sh\necho 6 >localdata/starts\nexit 3\n"}
+    assert install(camera, put_package, crashing, place) == (0, DONE.format(place))
     start(camera)
     camera.wait_for(lambda: camera.run(["systemctl", "is-failed", "sdkhello.service"]).status == 0, "the crash")
-    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    installs(camera, put_package, place, version="2.0.0")
     assert answer(camera) == "Hello, this is start number 7.\n"
     camera.run(["systemctl", "reset-failed"]).check()
 
 
-TORN = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of hello"
+def test_an_application_that_is_torn_down_keeps_its_data(camera: Device, put_package: Put, place: str) -> None:
+    installs(camera, put_package, place)
+    change_greeting(camera, "Good day")
+    assert answer(camera) == "Good day, this is start number 1.\n"
+    camera.velkctl("teardown", "hello").check()
+    replaces_what_is_not_set_up(camera, put_package, place)
+    # The settings went with the teardown.
+    assert answer(camera) == "Hello, this is start number 2.\n"
 
 
-def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(camera: Device, put_package: Put) -> None:
+SERVICE = [f"{UNITS}/sdkhello.service{name}" for name in ("", ".d", ".d/50-orvo-network.conf")]
+WEB = ["/etc/apache2/conf.d/vhosts/all/urls_hello.conf", "/usr/html/local/hello"]
+PARAMETERS = ["/etc/dbus-1/system.d/hello.conf", "/etc/dynamic/hello.conf", "/etc/dynamic/param/hello.conf",
+              "/run/velkctl-param-groups", "/run/velkctl-param-groups/Hello"]  # fmt: skip
+MOUNTED = [f"attribute {HELLO}/manifest.json", f"attribute {HELLO}/package.conf", f"mount {HELLO}", f"unit {OVERLAY}",
+           f"{UNITS}/{OVERLAY}"]  # fmt: skip
+POLLING, LAYER_WANTS = "sdkhello-disk-mounted.service", f"{UNITS}/local-fs.target.wants"
+# What a teardown takes away without knowing the manifest.
+TORN_DOWN_UNREAD = {place: [f"-{name}" for name in [*WEB, *SERVICE, *names]] for place, names in {
+    "internal": [*PARAMETERS, f"{HELLO}/conf/hello.conf", f"{HELLO}/conf/param_hello.conf"],
+    "sd_card1": [*MOUNTED, f"{UNITS}/{POLLING}", f"unit {POLLING}", f"{UNITS}/velk.target.wants",
+                 f"{UNITS}/velk.target.wants/{OVERLAY}"],
+    "internal_vlpfs": [
+        *PARAMETERS, *MOUNTED, LAYER_WANTS, f"{LAYER_WANTS}/{LOWER}", f"{LAYER_WANTS}/{OVERLAY}", f"{UNITS}/{LOWER}",
+        f"{LAYERS}/hello/lower", f"mount {LAYERS}/hello/lower", f"unit {LOWER}",
+        f"{LAYERS}/hello/upper/conf/hello.conf", f"{LAYERS}/hello/upper/conf/param_hello.conf"]}.items()}  # fmt: skip
+
+
+def test_without_a_readable_manifest_the_old_version_cannot_be_torn_down(camera: Device, put_package: Put, place: str) -> None:
     """Its vendor and its user are unknown, which is no hindrance; that the teardown misses the manifest is one."""
-    install(camera, put_package, hello(), "internal")
+    installs(camera, put_package, place)
     answer(camera)
-    camera.sh(f"chattr -i {HELLO}/manifest.json; echo '{{' >{HELLO}/manifest.json").check()
-    status, told = install(camera, put_package, hello(version="2.0.0", vendorId="others"), "internal")
-    assert (status, told.splitlines()[-1]) == (10, TORN)
-    assert "Failed to get the manifest JSON object during teardown of hello: " in told
-    assert (stored(camera), is_locked(camera)) == (["hello"], False)
-    assert not camera.exists(f"{UNITS}/sdkhello.service")
-    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "1\n"
+    camera.sh(f"cd {FILES[place]}; chattr -i manifest.json; echo '{{' >manifest.json").check()
+    before, data = snapshot.take(camera), saved_of_started(camera, place)
+    outcome = install(camera, put_package, hello(place, version="2.0.0", vendorId="others"), place)
+    assert outcome == (10, UNREAD.format("JSON error: string or '}' expected near end of file\n") + "code 10: " + TORN)
+    # Where the application was mounted there is the link to it again.
+    link = [] if place == "internal" else [f"~{HELLO}"]
+    assert (left(camera, before), is_locked(camera)) == (sorted(TORN_DOWN_UNREAD[place] + data + link), False)
 
 
 def test_an_application_of_the_older_form_is_not_replaced_either(camera: Device, put_package: Put) -> None:
@@ -277,11 +422,11 @@ def test_an_application_of_the_older_form_is_not_replaced_either(camera: Device,
     camera.write(f"{HELLO}/package.conf", conf)
     camera.write(f"{HELLO}/localdata/starts", "8\n")
     assert camera.velkctl("list", "--legacy-apps").stdout == '["hello"]'
-    status, told = install(camera, put_package, hello(version="2.0.0"), "internal")
-    assert (status, told.splitlines()[-1]) == (10, TORN)
-    assert camera.read(f"{HELLO}/package.conf") == conf
-    assert camera.read(f"{BACKUPS}/hello/localdata/starts") == "8\n"
-    assert not is_locked(camera)
+    before = snapshot.take(camera)
+    assert install(camera, put_package, hello(version="2.0.0"), "internal") == (
+        10, UNREAD.format(NOT_FOUND) + "code 10: " + TORN)  # fmt: skip
+    data = {"localdata": "d 755 root:root", "localdata/starts": "f 644 root:root 8|"}
+    assert (left(camera, before), is_locked(camera)) == (saved("hello", data), False)
 
 
 # --- each step fails in turn ---
@@ -292,9 +437,32 @@ def old_version(**changes: Any) -> dict[str, Any]:
                    [{"name": "Speed", "default": "1", "type": "string"}])  # fmt: skip
 
 
-SAVED = [f"{BACKUPS}/Sample", f"{BACKUPS}/Sample/Sample.conf", f"{BACKUPS}/Sample/localdata",
-         f"{BACKUPS}/Sample/localdata/note", f"{BACKUPS}/Sample/param_Sample.conf"]  # fmt: skip
-OTHERS = ("file: /etc/passwd", "file: /etc/group", "file: /etc/shadow", "file: /etc/gshadow", "file: /run/velk")
+SAMPLE = f"{STORE}/Sample"
+DEFINITION = (
+    "group Sample {|parser = Standard2parser|file = \"/etc/dynamic/Sample.conf\"|"
+    "dbus = \"--system --dest=com.orvo.Param.Sample /com/orvo/Param/Sample "
+    "com.orvo.Param.ChangeNotification string:'$NAME' string:'$VALUE'\"|"
+    'accessControl = "admin:3;velk-sample:3;operator:1;viewer:0"|'
+    'param Speed {|  mount = "Standard2{Sample}{Speed}"|  type = "string"|}|}|'
+)  # fmt: skip
+SAVED_FILES = {
+    "Sample.conf": 'f 600 root:root [Sample]|Speed="7"|', "param_Sample.conf": f"f 600 root:root {DEFINITION}",
+    "localdata": "d 755 root:root", "localdata/note": "f 644 root:root kept|",
+}  # fmt: skip
+SAVED = saved("Sample", SAVED_FILES)
+# What a teardown takes away when the user is to stay.
+TORN_DOWN = [f"-{path}" for path in (
+    "/etc/apache2/conf.d/vhosts/all/urls_Sample.conf", "/etc/dbus-1/system.d/Sample.conf", "/etc/dynamic/Sample.conf",
+    "/etc/dynamic/param/Sample.conf", f"{UNITS}/sdkSample.service", f"{UNITS}/sdkSample.service.d",
+    f"{UNITS}/sdkSample.service.d/50-orvo-network.conf", "/run/velkctl-param-groups", "/run/velkctl-param-groups/Sample",
+    "/usr/html/local/Sample", f"{SAMPLE}/conf/Sample.conf", f"{SAMPLE}/conf/param_Sample.conf")]  # fmt: skip
+RECORD = "/etc/velk/vsf/Sample"
+USER = ["/var/lib/orvo/api-access/velk-sample", "group velk-sample", "user velk-sample"]
+TEARDOWN_FAILED = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample\n"
+# The user that the new version was to have too stays when there is no new version.
+KEPT_USER = [f"+{name}" for name in USER]
+# The new version, with the old one's data, which is no group's of its own any more.
+UPGRADED = [f"~{path}" for path in (RECORD, f"{SAMPLE}/localdata", f"{SAMPLE}/localdata/note", f"{SAMPLE}/manifest.json")]
 
 
 class Upgrade:
@@ -309,18 +477,21 @@ class Upgrade:
 
     def install_old(self, files: dict[str, Any]) -> None:
         assert install(self.device, self.put_package, files, "internal") == SAMPLE_DONE
-        note = f"echo kept >{STORE}/Sample/localdata/note"
-        self.device.run(["sh", "-c", note], user="velk-sample").check()
+        used = f"""cd {SAMPLE}; echo kept >localdata/note; printf '[Sample]\\nSpeed="7"\\n' >conf/Sample.conf"""
+        self.device.run(["sh", "-c", used], user="velk-sample").check()
+        self.look()
 
     def look(self) -> None:
         """Keep how the device is with the old version, to compare with."""
         self.installed = snapshot.take(self.device)
 
-    def names(self, before: snapshot.Snapshot) -> list[str]:
-        """What has come ("+"), gone ("-") or changed ("~") since, by name; what goes with every user is left out."""
-        differences = before.differences(snapshot.take(self.device))
-        kept = [line for line in differences if not line[2:].startswith(OTHERS) and "/tmp/packages" not in line]
-        return [line[0] + line.split(": ")[1] for line in kept]
+    def left(self) -> list[str]:
+        """What is otherwise than with the old version."""
+        return left(self.device, self.installed)
+
+    def left_without(self) -> list[str]:
+        """What is otherwise than without any version."""
+        return left(self.device, self.without)
 
     def to_new(self, files: dict[str, Any] | None = None, *options: str, env: Any = None, **packing: Any) -> tuple[int, str]:
         path = self.put_package(self.device, files or old_version(version="2.0.0"), **packing)
@@ -334,68 +505,80 @@ def upgrade(camera: Device, put_package: Put) -> Upgrade:
     return Upgrade(camera, put_package)
 
 
-def kept_user() -> list[str]:
-    """The user that the new version was to have too stays when there is no new version."""
-    return ["+/var/lib/orvo/api-access/velk-sample", "+velk-sample", "+velk-sample"]
+def without_cause(told: str) -> str:
+    """What is told of a command that failed, without the cause at its end: whatever the program itself met last."""
+    return told.split(" with the error: ")[0]
 
 
 def test_another_vendor_changes_nothing(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    upgrade.look()
     text = "code 27: Vendor ID in manifest does not match the vendor ID of the previous version\n"
     assert upgrade.to_new(old_version(vendorId="others")) == (27, text)
     assert upgrade.to_new(old_version(vendorId=None)) == (27, text)
-    assert upgrade.names(upgrade.installed) == []
+    assert upgrade.left() == []
 
 
 def test_a_backup_that_fails_leaves_the_old_version(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    upgrade.look()
     with program(upgrade.device, "cp", 'case "$*" in *localdata*) exit 1 ;; esac\nexec "$REAL" "$@"\n') as env:
         status, told = upgrade.to_new(env=env)
-    assert status == 10
-    assert told.startswith("code 10: src/system/subprocess.cpp: Failed running \"cp -fdr '/usr/local/packages/Sample/localdata'")
-    assert upgrade.names(upgrade.installed) == []
+    copy = f"cp -fdr '{SAMPLE}/localdata' '{BACKUPS}/Sample.tmp/localdata'"
+    assert (status, without_cause(told)) == (10, f'code 10: src/system/subprocess.cpp: Failed running "{copy}"')
+    assert upgrade.left() == []
     assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.left() == UPGRADED
 
 
 def test_a_teardown_that_fails_leaves_the_old_version_stored_and_its_data_saved(upgrade: Upgrade) -> None:
     script = {"before.sh": "#!/bin/sh\n"}
     upgrade.install_old(uninstallation(old_version(), preUninstallScript="before.sh") | script)
+    upgrade.device.sh(f"rm {SAMPLE}/before.sh").check()
     upgrade.look()
-    upgrade.device.sh(f"rm {STORE}/Sample/before.sh").check()
-    status, told = upgrade.to_new()
-    assert (status, told.splitlines()[-1]) == (
-        10, "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample")  # fmt: skip
+    missing = ("Failed to run pre-uninstall script during teardown of Sample: "
+               "The manifest lists an install script, 'before.sh', but the file is missing.\n")  # fmt: skip
+    assert upgrade.to_new() == (10, missing + TEARDOWN_FAILED)
+    assert upgrade.left() == sorted(TORN_DOWN + SAVED)
     assert version(upgrade.device, "Sample") == "1.0.0"
     listed = json.loads(upgrade.device.velkctl("list").stdout)[0]
     assert (listed["fullyInstalled"], listed["signatureStatus"]) == ("No", "Signed")
-    made = [name for name in upgrade.names(upgrade.installed) if name.startswith("+")]
-    assert made == [f"+{name}" for name in SAVED]
-    assert upgrade.device.run(["id", "velk-sample"]).status == 0
 
 
 def test_a_removal_that_fails_leaves_the_old_version_stored_and_its_data_saved(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    upgrade.look()
     upgrade.device.sh(f"chattr +i {STORE}").check()
     status, told = upgrade.to_new()
     upgrade.device.sh(f"chattr -i {STORE}").check()
     assert (status, told) == (10, "code 10: src/store/velkctl-remove.cpp: Failed renaming "
                                   f"{STORE}/Sample to {STORE}/Sample.tmp: Operation not permitted\n")  # fmt: skip
     assert version(upgrade.device, "Sample") == "1.0.0"
-    assert [name for name in upgrade.names(upgrade.installed) if name.startswith("+")] == [f"+{name}" for name in SAVED]
-    assert not upgrade.device.exists(f"{UNITS}/sdkSample.service")
+    assert upgrade.left() == sorted([*TORN_DOWN, f"-{RECORD}", *SAVED])
+    # The settings, which went with the teardown, are those that were saved before.
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.left() == UPGRADED
+
+
+def test_a_removal_that_fails_half_way_leaves_the_rest_aside_and_the_data_saved(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    # What is mounted there can be moved, but not deleted.
+    upgrade.device.sh(f"mkdir {SAMPLE}/busy; mount -t tmpfs none {SAMPLE}/busy").check()
+    status, told = upgrade.to_new()
+    upgrade.device.sh(f"umount {SAMPLE}.tmp/busy").check()
+    assert (status, told.splitlines()[-1]) == (10, f"code 10: src/system/tree.cpp: Failed recursive removal of {SAMPLE}.tmp")
+    # The order in which files are deleted is the disk's own, so how many are left is not known.
+    rest = [line for line in upgrade.left_without() if f"{SAMPLE}.tmp" not in line]
+    assert (stored(upgrade.device), rest) == (["Sample.tmp"], sorted(SAVED + KEPT_USER))
+    # The next one clears them away.
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.left() == UPGRADED
 
 
 def test_an_import_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
     upgrade.prepare()
     assert upgrade.to_new(sign=False) == (2, "code 2: Unsigned package not allowed\n")
-    assert upgrade.names(upgrade.without) == sorted([f"+{name}" for name in SAVED]) + kept_user()
+    assert upgrade.left_without() == sorted(SAVED + KEPT_USER)
     # The data comes back with the next installation.
     assert upgrade.to_new() == SAMPLE_DONE
-    assert upgrade.device.read(f"{STORE}/Sample/localdata/note") == "kept\n"
-    assert not upgrade.device.exists(f"{BACKUPS}/Sample")
+    assert upgrade.left() == UPGRADED
 
 
 FAILING_SCRIPT = {"after.sh": "#!/bin/sh\nexit 77\n"}
@@ -450,31 +633,30 @@ def test_an_import_that_fails_without_a_reason_of_its_own_has_a_status_of_its_ow
     files = old_version(version="2.0.0", compatibleOsVersions=[{"min": "1", "max": "99"}])
     with failing(upgrade.device, "Get"):
         status, told = upgrade.to_new(files)
-    assert status == 55
-    assert told.endswith("Failed to retrieve the current firmware version\n") and "code" not in told
+    assert (status, told) == (
+        55, "src/system/dbus-call.cpp: DBus call to com.orvo.BasicDeviceInfo1.Get failed: Not today\n"
+            "Could not retrieve firmware version from D-Bus\nFailed to retrieve the current firmware version\n")  # fmt: skip
     # The package was verified before, and its record stays.
-    record = ["+/etc/velk/vsf/Sample"]
-    assert upgrade.names(upgrade.without) == record + [f"+{name}" for name in SAVED] + kept_user()
+    assert upgrade.left_without() == sorted([f"+{RECORD}", *SAVED, *KEPT_USER])
 
 
 def test_a_setup_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
     upgrade.prepare()
     files = installation(old_version(version="2.0.0"), postInstallScript="after.sh") | FAILING_SCRIPT
     status, told = upgrade.to_new(files)
-    assert status == 10
-    assert told.endswith("Script /usr/local/packages/Sample/after.sh failed with exit code: 77\n")
-    assert upgrade.names(upgrade.without) == [f"+{name}" for name in SAVED]
+    assert (status, told) == (10, f"code 10: src/system/script.cpp: Script {SAMPLE}/after.sh failed with exit code: 77\n")
+    assert upgrade.left_without() == SAVED
     assert upgrade.to_new() == SAMPLE_DONE
-    assert upgrade.device.read(f"{STORE}/Sample/localdata/note") == "kept\n"
+    assert upgrade.left() == UPGRADED
 
 
 def test_a_user_service_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
     upgrade.prepare()
     with failing(upgrade.device, "ModifyUser"):
-        status, told = upgrade.to_new()
-    assert (status, told.splitlines()[-1]) == (10, "code 10: src/system/dbus-call.cpp: DBus call to "
-                                               "com.orvo.UserManagement1.Application.ModifyUser failed: Not today")  # fmt: skip
-    assert upgrade.names(upgrade.without) == [f"+{name}" for name in SAVED]
+        outcome = upgrade.to_new()
+    assert outcome == (10, "code 10: src/system/dbus-call.cpp: DBus call to "
+                           "com.orvo.UserManagement1.Application.ModifyUser failed: Not today\n")  # fmt: skip
+    assert upgrade.left_without() == SAVED
 
 
 def test_an_installation_that_is_skipped_leaves_nothing(upgrade: Upgrade) -> None:
@@ -484,7 +666,7 @@ def test_an_installation_that_is_skipped_leaves_nothing(upgrade: Upgrade) -> Non
     path = upgrade.put_package(upgrade.device, files)
     status, told = upgrade.to_new(files, "--skip-if-ex-config")
     assert (status, told) == (0, f"Installation of {path} was skipped\n" + SAMPLE_DONE[1])
-    assert upgrade.names(upgrade.without) == []
+    assert upgrade.left_without() == []
 
 
 def harm_settings(upgrade: Upgrade) -> None:
@@ -500,7 +682,19 @@ def test_a_restore_that_fails_takes_the_new_version_away_with_the_saved_data(upg
     upgrade.prepare()
     harm_settings(upgrade)
     assert upgrade.to_new() == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + BROKEN)
-    assert upgrade.names(upgrade.without) == []
+    assert upgrade.left_without() == []
+
+
+@pytest.mark.parametrize(("name", "line"), [
+    ("cp", f"cp -fdr 'localdata' '{SAMPLE}/localdata.tmp'"),
+    ("chown", f"chown -hR 'velk-sample' '{SAMPLE}/localdata.tmp'")])  # fmt: skip
+def test_data_that_cannot_be_brought_back_takes_the_new_version_away_too(upgrade: Upgrade, name: str, line: str) -> None:
+    upgrade.prepare()
+    with program(upgrade.device, name, 'case "$*" in *localdata.tmp) exit 1 ;; esac\nexec "$REAL" "$@"\n') as env:
+        status, told = upgrade.to_new(env=env)
+    assert (status, without_cause(told)) == (10, "Failed to restore Sample. Will attempt to uninstall it.\n"
+                                                 f'code 10: src/system/subprocess.cpp: Failed running "{line}"')  # fmt: skip
+    assert upgrade.left_without() == []
 
 
 def test_the_saved_data_stays_when_the_new_version_cannot_be_taken_away(upgrade: Upgrade) -> None:
@@ -514,32 +708,44 @@ def test_the_saved_data_stays_when_the_new_version_cannot_be_taken_away(upgrade:
     assert (status, told) == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + script
                               + "Failed to teardown and/or remove unstable app Sample\n" + BROKEN)  # fmt: skip
     assert version(upgrade.device, "Sample") == "2.0.0"
-    assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
-    assert not upgrade.device.exists(f"{UNITS}/sdkSample.service")
+    gone = [f"-{SAMPLE}/localdata/note", *(f"-{name}" for name in USER)]
+    come = [f"+{SAMPLE}/after.sh", f"~{RECORD}", f"~{SAMPLE}/manifest.json"]
+    broken = saved("Sample", SAVED_FILES | {"Sample.conf": "f 600 root:root no settings|"})
+    assert upgrade.left() == sorted(TORN_DOWN + gone + come + broken)
 
 
 def test_a_backup_that_cannot_be_deleted_is_told_and_the_new_version_stays(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    upgrade.look()
     # The first chown of an upgrade is that of the restored data: until then the backup is written and moved.
     with program(upgrade.device, "chown", f'chattr +i {BACKUPS}\nexec "$REAL" "$@"\n') as env:
         outcome = upgrade.to_new(env=env)
     upgrade.device.sh(f"chattr -i {BACKUPS}").check()
     assert outcome == (10, "code 10: src/lifecycle/velkctl-backup.cpp: Could not remove backup. Rename failed.\n")
     assert version(upgrade.device, "Sample") == "2.0.0"
-    assert upgrade.device.read(f"{STORE}/Sample/localdata/note") == "kept\n"
-    assert [name for name in upgrade.names(upgrade.installed) if name.startswith(("+", "-"))] == [f"+{name}" for name in SAVED]
+    assert upgrade.left() == sorted(UPGRADED + SAVED)
+
+
+def test_a_backup_that_is_deleted_half_way_is_told_and_the_new_version_stays(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    with program(upgrade.device, "chown", f'mount -t tmpfs none {BACKUPS}/Sample/localdata\nexec "$REAL" "$@"\n') as env:
+        status, told = upgrade.to_new(env=env)
+    upgrade.device.sh(f"umount {BACKUPS}/Sample.remove/localdata").check()
+    assert (status, told.splitlines()[-1]) == (
+        10, f"code 10: src/system/tree.cpp: Failed recursive removal of {BACKUPS}/Sample.remove")  # fmt: skip
+    # Some of it is left; that is no backup any more, and the next one clears it away.
+    assert [line for line in upgrade.left() if f"{BACKUPS}/Sample.remove" not in line] == UPGRADED
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert upgrade.left() == UPGRADED
 
 
 def test_a_lock_that_is_held_changes_nothing(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    upgrade.look()
     path = upgrade.put_package(upgrade.device, old_version(version="2.0.0"))
     upgrade.device.write(LOCK, "Other")
     result = upgrade.device.velkctl("install", path)
     assert (result.status, result.stderr) == (12, f"code 12: Another instance is already running, lock file exists: {LOCK}\n")
     upgrade.device.sh(f"rm {LOCK}").check()
-    assert upgrade.names(upgrade.installed) == []
+    assert upgrade.left() == []
 
 
 def test_another_vendor_is_told_before_a_lock_that_is_held(upgrade: Upgrade) -> None:
@@ -549,16 +755,20 @@ def test_another_vendor_is_told_before_a_lock_that_is_held(upgrade: Upgrade) -> 
     result = upgrade.device.velkctl("install", path)
     text = "code 27: Vendor ID in manifest does not match the vendor ID of the previous version\n"
     assert (result.status, result.stderr, upgrade.device.read(LOCK)) == (27, text, "Other")
+    upgrade.device.sh(f"rm {LOCK}").check()
+    assert upgrade.left() == []
 
 
 def test_the_time_outs_are_needed_for_an_upgrade(upgrade: Upgrade) -> None:
     """Without the settings the old version cannot be torn down whole, so it stays stored and its data saved."""
     upgrade.prepare()
-    with changed(upgrade.device, "/etc/velk/conf/packageparser.conf", "[Install]\nAllowUnsigned=false\n"):
+    with changed(upgrade.device, SETTINGS, "[Install]\nAllowUnsigned=false\n"):
         status, told = upgrade.to_new()
-    assert (status, told.splitlines()[-1]) == (
-        10, "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample")  # fmt: skip
-    assert upgrade.device.read(f"{BACKUPS}/Sample/localdata/note") == "kept\n"
+    unknown = ("Failed to run pre-uninstall script during teardown of Sample: src/system/key-file.cpp: Failed reading key "
+               f"PreUninstallScriptTimeout, group Install from {SETTINGS}: "
+               "Key file does not have key “PreUninstallScriptTimeout” in group “Install”\n")  # fmt: skip
+    assert (status, told) == (10, unknown + TEARDOWN_FAILED)
+    assert upgrade.left() == sorted(TORN_DOWN + SAVED)
 
 
 # --- data in a layer of its own ---
