@@ -17,6 +17,12 @@ std::string backup_path(const std::string& app) { return paths::store_root_path(
 
 bool backup_exists(const std::string& app) { return is_directory(backup_path(app)); }
 
+/** Where an application's settings and data are. */
+struct Source {
+    std::string directory;
+    bool is_hidden;  ///< it holds the two directories of a card that are to be seen as one
+};
+
 static bool is_mounted(const std::string& app) {
     ErrorSlot not_mounted;
     return find_mount_entry(paths::kMounts, paths::store_root_path(app), not_mounted).has_value();
@@ -37,9 +43,11 @@ static std::optional<AreaDirectory> open_hidden(const std::string& directory, Ve
 }
 
 // As long as nothing is mounted, an application of the layer store is reached through its layer only.
-static std::string source_directory(const std::string& app, const StoreLocation* location) {
+static Source find_source(const std::string& app, const StoreLocation* location) {
+    if (is_hidden(app, location))
+        return {store_path(app, location), true};
     const bool unmounted = location->kind == STORE_INTERNAL_VLPFS && !(is_set_up(app) && is_mounted(app));
-    return unmounted ? location_link_target(app, location) : paths::store_root_path(app);
+    return {unmounted ? location_link_target(app, location) : paths::store_root_path(app), false};
 }
 
 /**
@@ -70,19 +78,17 @@ static bool copy_configuration(const AreaDirectory& application, const std::stri
            copy_configuration_file(conf ? &*conf : nullptr, app, "param_" + app + ".conf", target, error);
 }
 
-static bool copy_into(const std::string& app, const StoreLocation* location, const std::string& target,
+static bool copy_into(const Source& source, const std::string& app, const std::string& target,
                       VelkctlError** error) {
-    const bool hidden = is_hidden(app, location);
-    const std::string source = source_directory(app, location);
-    if (!hidden && !is_directory(source))
+    if (!is_directory(source.directory))
         return true;
     const std::optional<AreaDirectory> application =
-        hidden ? open_hidden(store_path(app, location), error) : open_area(source, error);
+        source.is_hidden ? open_hidden(source.directory, error) : open_area(source.directory, error);
     if (!application || !copy_configuration(*application, app, target, error))
         return false;
     // A link could lead anywhere, and what it leads to is not the application's data.
     const std::string data = application->path_of("localdata");
-    return (hidden || remove_if_symlink(data, error)) &&
+    return (source.is_hidden || remove_if_symlink(data, error)) &&
            (!is_directory_no_follow(data) || copy_path(data, target + "/localdata", error));
 }
 
@@ -118,11 +124,15 @@ bool back_up_application(const std::string& app, VelkctlError** error) {
     const StoreLocation* location = find_app_location(app, error);
     if (!location)
         return false;
+    const Source source = find_source(app, location);
+    // What cannot be seen, for instance behind a link that leads nowhere, replaces nothing that was saved.
+    if (!is_directory(source.directory) && backup_exists(app))
+        return true;
     const std::string backup = backup_path(app);
     const std::string staging = staging_path(backup);
     if (!remove_recursive(staging, error))
         return false;
-    if (make_dirs(staging, error) && copy_into(app, location, staging, error) &&
+    if (make_dirs(staging, error) && copy_into(source, app, staging, error) &&
         put_in_place(staging, backup, error))
         return true;
     // A full disk does not stay so.

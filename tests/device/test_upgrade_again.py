@@ -5,8 +5,8 @@ from __future__ import annotations
 from collections.abc import Iterator
 
 import pytest
-from setups import STORE, Put, program, velkctl
-from store_support import CARD
+from setups import STORE, Put, look_at, program, velkctl
+from store_support import CARD, CARD2
 from test_upgrade import BACKUPS, DONE, HELLO, answer, camera, change_greeting, hello, install
 from velkdevice.device import Device
 
@@ -114,3 +114,21 @@ def test_an_uninstallation_takes_away_what_an_interrupted_backup_left(camera: De
     camera.sh(f"mkdir -p {BACKUPS}/hello.tmp/localdata {BACKUPS}/hello.remove/localdata").check()
     camera.velkctl("uninstall", "hello").check()
     assert camera.sh(f"ls {BACKUPS}").stdout == ""
+
+
+def test_a_link_that_leads_nowhere_replaces_nothing_that_was_saved(carded: Device, put_package: Put) -> None:
+    """As on the second card, where nothing makes the directory that the store's link leads to."""
+    install(carded, put_package, hello(), "internal")
+    change_greeting(carded, "Good day")
+    assert answer(carded) == "Good day, this is start number 1.\n"
+    assert velkctl(carded, "backup", "hello") == (0, "Backed up application hello\n")
+    saved = look_at(carded, BACKUPS)
+    carded.velkctl("teardown", "hello").check()
+    carded.velkctl("remove", "hello").check()
+    carded.sh(f"ln -s nowhere/lower {HELLO}; mkdir -p {CARD2}/hello").check()
+    found = velkctl(carded, "backup", "hello")
+    kept = look_at(carded, BACKUPS)
+    carded.sh(f"rm -r {HELLO} {CARD2}; rmdir $(dirname {CARD2})").check()
+    assert (found, kept) == ((0, "Backed up application hello\n"), saved)
+    assert install(carded, put_package, hello(version="2.0.0"), "internal") == (0, DONE.format("internal"))
+    assert answer(carded) == "Good day, this is start number 2.\n"
