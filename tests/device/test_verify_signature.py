@@ -143,6 +143,12 @@ def test_an_armour_as_programs_write_it(
     assert verify(good()) == SUCCESS
 
 
+def test_a_binary_signature_passes(verify: Callable[..., tuple[int, str]]) -> None:
+    """Though no import can record it."""
+    binary = package.Key.trusted().gpg("--detach-sign", data=DATA)
+    assert verify(package.append_signature(DATA, binary)) == SUCCESS
+
+
 def test_a_signature_of_a_later_time_passes(
     verify: Callable[..., tuple[int, str]],
 ) -> None:
