@@ -24,7 +24,7 @@ LIST_RATIO = 1.1
 OWN_MICROSECONDS = 100.0
 UPGRADE_RATIO = 1.15
 SCRIPT_RATIO = 1.0
-COUNTS = {10: 60, 100: 10, 1000: 3}  # applications, and how often each of the two is run
+COUNTS = {10: 60, 100: 10, 1000: 5}  # applications, and how often each of the two is run
 ROUNDS = 7
 
 # $1 is what to do, $2 the application, $3 the package, $4 the length of its data part. The files that a setup writes lie
