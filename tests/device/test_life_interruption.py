@@ -37,7 +37,7 @@ note() { su -s /bin/sh -c "echo $1 >App/localdata/note" "$(user)"; }
 look() {
     set -- /usr/local/packages /etc/velk/vsf $PLACE
     {
-        find "$@" /tmp -xdev \( -path '/tmp/systemd-private-*' -o -path '*/App/work/*' \) -prune -o \
+        find "$@" /tmp -xdev \( -path '/tmp/systemd-private-*' -o -name work \) -prune -o \
             \( -type d -printf '%p %y %m %U:%G\n' \) -o -printf '%p %y %m %U:%G %s %l\n' | grep -v '^/tmp d'
         find "$@" -xdev -type f -exec sha256sum {} + | sed 's/\([^ ]*\)  \(.*\)/\2 \1/'
         lsattr -R "$@" 2>/dev/null | sed -n 's/^[^ ]*i[^ ]* \(.*\)/\1 immutable/p'
