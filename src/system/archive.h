@@ -50,7 +50,7 @@ class TarGzip {
 [[nodiscard]] uint64_t uncompressed_size(const std::string& path, VelkctlError** error);
 
 /**
- * The same of a file that is one sound gzip stream with nothing behind it, and no time lost on it; nothing of
- * every other file.
+ * The number of bytes that a file unpacks to when it is one sound gzip stream with nothing behind it; nothing
+ * for every other file, and for one that cannot be read.
  */
 [[nodiscard]] std::optional<uint64_t> single_gzip_size(const std::string& path);
