@@ -42,6 +42,15 @@ void velkctl_error_set(VelkctlError** error, int32_t code, const char* format, .
     assert(!forgot_to_clear);
 }
 
+bool fail(VelkctlError** error, int32_t code, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const GStringPtr text(g_strdup_vprintf(format, arguments));
+    va_end(arguments);
+    velkctl_error_set(error, code, "%s", text.get());
+    return false;
+}
+
 void velkctl_error_vset(VelkctlError** error, int32_t code, const char* format, va_list arguments) {
     assert(!error || !*error);
     if (error)

@@ -66,6 +66,16 @@ void velkctl_error_set_at(VelkctlError** error, const char* file, int line, cons
 /** The same with the place of the call: SET_GENERAL_ERROR(error, format, ...). */
 #define SET_GENERAL_ERROR(error, ...) velkctl_error_set_at((error), __FILE__, __LINE__, __VA_ARGS__)
 
+/**
+ * The same as velkctl_error_set, as a failed step's last word: `return fail(error, code, ...)`.
+ *
+ * @return false
+ */
+bool fail(VelkctlError** error, int32_t code, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+/** A general error with the place of the call, likewise: `return FAIL_GENERAL(error, format, ...)`. */
+#define FAIL_GENERAL(error, ...) (SET_GENERAL_ERROR((error), __VA_ARGS__), false)
+
 /** Set "FUNCTION: Invalid argument: ARGUMENT is NULL", code 10. */
 void set_null_argument_error(VelkctlError** error, const char* function, const char* argument);
 

@@ -1,12 +1,12 @@
 #include "integration/cfgtree.h"
 
 #include "base/paths.h"
-#include "integration/area.h"
 #include "integration/dbus-policy.h"
 #include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "platform/libcfgtree.h"
 #include "store/velkctl-store.h"
+#include "system/area.h"
 #include "system/dbus-call.h"
 #include "system/file.h"
 #include "system/regex.h"

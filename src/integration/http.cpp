@@ -10,9 +10,9 @@
 
 #include "base/log.h"
 #include "base/paths.h"
-#include "integration/area.h"
 #include "integration/web-text.h"
 #include "manifest/names.h"
+#include "system/area.h"
 #include "system/file.h"
 #include "system/systemctl.h"
 #include "system/tree.h"

@@ -8,11 +8,11 @@
 
 #include "base/handles.h"
 #include "base/paths.h"
-#include "integration/area.h"
 #include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
+#include "system/area.h"
 #include "system/file.h"
 #include "system/systemctl.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "base/velkctl-error.h"
-#include "integration/area.h"
+#include "system/area.h"
 
 /** How the device treats the scripts of packages. */
 struct InstallScriptPolicy {

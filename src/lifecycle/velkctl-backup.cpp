@@ -6,9 +6,9 @@
 #include <cstdio>
 
 #include "base/paths.h"
-#include "integration/area.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
+#include "system/area.h"
 #include "system/file.h"
 #include "system/mounts.h"
 #include "system/tree.h"

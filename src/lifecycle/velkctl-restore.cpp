@@ -6,12 +6,12 @@
 #include <cstdio>
 
 #include "base/paths.h"
-#include "integration/area.h"
 #include "integration/cfgtree.h"
 #include "lifecycle/velkctl-backup.h"
 #include "manifest/app-user.h"
 #include "platform/libvelkctl.h"
 #include "store/lock.h"
+#include "system/area.h"
 #include "system/file.h"
 #include "system/key-file.h"
 #include "system/subprocess.h"

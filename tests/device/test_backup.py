@@ -292,7 +292,7 @@ def test_a_linked_conf_directory_is_not_read(sample: Device) -> None:
     before = look(sample, BACKUPS)
     victim = plant(sample, f"mv conf conf2; ln -s {VICTIM} conf")
     assert velkctl(sample, "backup", "Sample") == failure(
-        f"src/integration/area.cpp: Failed opening {SAMPLE}/conf: Not a directory")  # fmt: skip
+        f"src/system/area.cpp: Failed opening {SAMPLE}/conf: Not a directory")  # fmt: skip
     assert look(sample, VICTIM, "/etc/passwd") == victim
     assert changes(before, look(sample, BACKUPS)) == {}
 
@@ -301,7 +301,7 @@ def test_a_linked_conf_directory_is_not_written_to(saved: Device) -> None:
     victim = plant(saved, f"mv conf conf2; ln -s {VICTIM} conf")
     before = look(saved, SAMPLE, BACKUPS)
     assert velkctl(saved, "restore", "Sample") == failure(
-        f"src/integration/area.cpp: Failed opening {SAMPLE}/conf: Not a directory")  # fmt: skip
+        f"src/system/area.cpp: Failed opening {SAMPLE}/conf: Not a directory")  # fmt: skip
     assert look(saved, VICTIM, "/etc/passwd") == victim
     assert changes(before, look(saved, SAMPLE, BACKUPS)) == {}
 
@@ -387,7 +387,7 @@ def test_a_current_file_that_cannot_be_merged_is_named_and_left(saved: Device, n
 def test_settings_without_a_directory_to_come_back_to(saved: Device) -> None:
     saved.sh(f"rm -r {SAMPLE}/conf").check()
     assert velkctl(saved, "restore", "Sample") == failure(
-        f"src/integration/area.cpp: Failed opening {SAMPLE}/conf: No such file or directory")  # fmt: skip
+        f"src/system/area.cpp: Failed opening {SAMPLE}/conf: No such file or directory")  # fmt: skip
 
 
 def test_parameters_that_cannot_be_loaded_are_told_after_the_settings_and_before_the_data(saved: Device) -> None:
@@ -525,7 +525,7 @@ def test_settings_that_do_not_fit_leave_the_ones_that_are_there(saved: Device) -
                                      f"look {SAMPLE}/conf")  # fmt: skip
     log = re.sub(r"filesync-\w{6}", "filesync-??????", without_place(found[0]))
     assert (log, found[1]) == (
-        f"code 10: src/integration/area.cpp: Failed writing to file: {SAMPLE}/conf/Sample.conf.tmp: "
+        f"code 10: src/system/area.cpp: Failed writing to file: {SAMPLE}/conf/Sample.conf.tmp: "
         f"write {SAMPLE}/conf/.filesync-??????: No space left on device", "status 10")  # fmt: skip
     assert dict(line.split("\t", 1) for line in found[2:]) == before
 

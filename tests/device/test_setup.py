@@ -175,7 +175,7 @@ FAILURES: list[tuple[str, dict[str, Any], str]] = [
     ("a script of the system", installation(app(), postInstallScript="../../../bin/true"),
      f"code 1: Path {STORE}/Sample/../../../bin/true is outside of application directory {STORE}/Sample\n"),
     ("a script that is a directory", installation(app(), postInstallScript="html"),
-     f"code 10: src/integration/area.cpp: Failed setting permissions for {STORE}/Sample/html: Is a directory\n"),
+     f"code 10: src/system/area.cpp: Failed setting permissions for {STORE}/Sample/html: Is a directory\n"),
     ("no pre-uninstall script", uninstallation(app(), preUninstallScript="before.sh"),
      "code 10: The manifest lists an install script, 'before.sh', but the file is missing.\n"),
     ("a setting page outside", configured(settingPage="../x.html"),

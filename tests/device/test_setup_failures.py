@@ -69,7 +69,7 @@ FAULTS: list[tuple[str, Files, str, str, str]] = [
      f"chattr -i {STORE}/Sample/fixed", OWNING + "Operation not permitted\n"),
     ("a directory in the place of the values", app(), no_file(f"{STORE}/Sample/conf/Sample.conf"),
      f"rmdir {STORE}/Sample/conf/Sample.conf",
-     f"code 10: src/integration/area.cpp: Failed writing to file: {STORE}/Sample/conf/Sample.conf: "),
+     f"code 10: src/system/area.cpp: Failed writing to file: {STORE}/Sample/conf/Sample.conf: "),
     ("a directory in the place of the policy", app(), no_file("/etc/dbus-1/system.d/Sample.conf"),
      "rmdir /etc/dbus-1/system.d/Sample.conf", WRITING.format("/etc/dbus-1/system.d/Sample.conf")),
     ("a link of parameters that is there", app(), "ln -s /nowhere /etc/dynamic/Sample.conf", ":",
@@ -173,7 +173,7 @@ def test_a_card_that_goes_read_only_before_the_last_step(boot_device: Any, put_p
         status, told = velkctl(device, "setup", "Sample", env=env)
     device.sh(f"mount -o remount,rw {card}").check()
     assert (status, told.splitlines()[-1]) == (
-        10, f"code 10: src/integration/area.cpp: Failed setting ownership of {STORE}/Sample: Read-only file system")
+        10, f"code 10: src/system/area.cpp: Failed setting ownership of {STORE}/Sample: Read-only file system")
     after = [line for line in outside(device, "Sample") if not line.startswith(f"file: {card}/packages/Sample/")]
     assert after == before
     assert not is_locked(device)

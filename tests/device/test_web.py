@@ -162,7 +162,7 @@ REFUSED = [
     ({"type": "fastCgi", "access": "viewer", "name": "../x"}, 29,
      "Field 'httpConfig.name' in manifest contains a path traversal"),
     ({"type": "fastCgi", "access": "viewer", "name": "none/x.cgi"}, 10,
-     f"src/integration/area.cpp: Failed creating file {STORE}/Sample/html/none/x.cgi: No such file or directory"),
+     f"src/system/area.cpp: Failed creating file {STORE}/Sample/html/none/x.cgi: No such file or directory"),
 ]  # fmt: skip
 
 

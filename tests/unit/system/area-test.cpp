@@ -1,4 +1,4 @@
-#include "integration/area.h"
+#include "system/area.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -40,11 +40,11 @@ TEST_F(Area, IsReachedThroughALinkOfTheSystemButNoOther) {
     EXPECT_EQ(linked->path_of("x"), directory / "link/x");
     EXPECT_TRUE(open_area_directory(*linked, "sub", error));
     EXPECT_FALSE(open_area_directory(*linked, "in", error));
-    EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed opening " +
-                                         (directory / "link/in") + ": Not a directory");
+    EXPECT_EQ(test::describe(error),
+              "10 src/system/area.cpp:N: Failed opening " + (directory / "link/in") + ": Not a directory");
     error.clear();
     EXPECT_FALSE(open_area(directory / "none", error));
-    EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed opening " + (directory / "none") +
+    EXPECT_EQ(test::describe(error), "10 src/system/area.cpp:N: Failed opening " + (directory / "none") +
                                          ": No such file or directory");
 }
 
@@ -57,7 +57,7 @@ TEST_F(Area, GetsDirectoriesOfTheSystemButNotInThePlaceOfALink) {
     error.clear();
     EXPECT_FALSE(make_area_directory(*area, "file", error));
     EXPECT_EQ(test::describe(error),
-              "10 src/integration/area.cpp:N: Failed opening " + app("file") + ": Not a directory");
+              "10 src/system/area.cpp:N: Failed opening " + app("file") + ": Not a directory");
 }
 
 TEST_F(Area, StaysTheDirectoryThatWasOpenedWhateverTakesItsPlace) {
@@ -80,14 +80,14 @@ TEST_F(Area, HasItsLinksReplacedAndRemovedNotFollowed) {
     EXPECT_TRUE(remove_area_file(*area, "none", error));
     EXPECT_FALSE(remove_area_file(*area, "sub", error));
     EXPECT_EQ(test::describe(error),
-              "10 src/integration/area.cpp:N: Failed removing " + app("sub") + ": Is a directory");
+              "10 src/system/area.cpp:N: Failed removing " + app("sub") + ": Is a directory");
 }
 
 TEST_F(Area, NamesTheFileThatCouldNotBeWritten) {
     const std::vector<std::string> before = test::tree_of(directory / "app");
     EXPECT_FALSE(write_area_file(*area, "sub", "new", error));
     const std::string text = test::describe(error);
-    const std::string place = "10 src/integration/area.cpp:N: Failed writing to file: " + app("sub") + ": ";
+    const std::string place = "10 src/system/area.cpp:N: Failed writing to file: " + app("sub") + ": ";
     EXPECT_TRUE(text.starts_with(place + "rename " + app(".filesync-"))) << text;
     EXPECT_TRUE(text.ends_with(": Is a directory")) << text;
     EXPECT_EQ(test::tree_of(directory / "app"), before);
@@ -102,8 +102,8 @@ TEST_F(Area, GivesAwayALinkItself) {
     ASSERT_EQ(stat(app("secret").c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, 0U);
     EXPECT_FALSE(set_area_owner(*area, "none", 7, 8, error));
-    EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed setting ownership of " +
-                                         app("none") + ": No such file or directory");
+    EXPECT_EQ(test::describe(error), "10 src/system/area.cpp:N: Failed setting ownership of " + app("none") +
+                                         ": No such file or directory");
 }
 
 TEST_F(Area, TellsTheKindOfAnEntryAndNotOfWhatALinkLeadsTo) {
@@ -155,7 +155,7 @@ TEST_F(Area, GetsAFileOfRootsOwnOnlyWhereThereIsNoEntry) {
     for (const char* name : {"new", "secret", "sub"}) {
         EXPECT_FALSE(make_area_file(*area, name, error)) << name;
         EXPECT_EQ(test::describe(error),
-                  "10 src/integration/area.cpp:N: Failed creating file " + app(name) + ": File exists");
+                  "10 src/system/area.cpp:N: Failed creating file " + app(name) + ": File exists");
         error.clear();
     }
     EXPECT_EQ(test::read_text(directory / "app2/secret"), "secret");
@@ -170,8 +170,8 @@ TEST_F(Area, HasAFileRenamedOverAnotherAndOverALink) {
         EXPECT_FALSE(test::name_exists(app("target"))) << name;
     }
     EXPECT_FALSE(flush_and_rename_area_file(*area, "secret", "sub", error));
-    EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed renaming " + app("secret") +
-                                         " to " + app("sub") + ": Is a directory");
+    EXPECT_EQ(test::describe(error), "10 src/system/area.cpp:N: Failed renaming " + app("secret") + " to " +
+                                         app("sub") + ": Is a directory");
     EXPECT_EQ(test::read_text(directory / "app2/secret"), "secret");
 }
 
@@ -205,7 +205,7 @@ TEST_F(Area, OpensNoFileOutside) {
         error.clear();
     }
     EXPECT_FALSE(open_area_file(*area, "none", "Failed setting permissions for", error));
-    EXPECT_EQ(test::describe(error), "10 src/integration/area.cpp:N: Failed setting permissions for " +
+    EXPECT_EQ(test::describe(error), "10 src/system/area.cpp:N: Failed setting permissions for " +
                                          app("none") + ": No such file or directory");
 }
 
@@ -223,9 +223,8 @@ TEST_F(Area, GetsEmptyFilesWithAnExactModeAndKeepsExistingOnes) {
 TEST_F(Area, GetsNoFileBehindALink) {
     for (const char* name : {"out/new", "in/new", "../app2/new"}) {
         EXPECT_FALSE(create_area_file(*area, name, 0750, geteuid(), getegid(), error)) << name;
-        EXPECT_EQ(
-            test::describe(error).find("10 src/integration/area.cpp:N: Failed creating file " + app(name)),
-            0U);
+        EXPECT_EQ(test::describe(error).find("10 src/system/area.cpp:N: Failed creating file " + app(name)),
+                  0U);
         error.clear();
     }
     EXPECT_EQ(test::tree_of(directory / "app2"), std::vector<std::string>{"secret"});
@@ -272,7 +271,7 @@ TEST_F(InstallScript, MustBeExecutableAlreadyByTheStrictPolicy) {
 }
 
 TEST_F(InstallScript, MustBeARegularFileInsideTheTree) {
-    const std::string place = "10 src/integration/area.cpp:N: Failed setting permissions for ";
+    const std::string place = "10 src/system/area.cpp:N: Failed setting permissions for ";
     EXPECT_EQ(prepare(SHIPPED_SCRIPT_POLICY, "secret"),
               "1 Path " + app("secret") + " is outside of application directory " + (directory / "app"));
     EXPECT_EQ(prepare(SHIPPED_SCRIPT_POLICY, "sub"), place + app("sub") + ": Is a directory");

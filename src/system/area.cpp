@@ -1,4 +1,4 @@
-#include "integration/area.h"
+#include "system/area.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
