@@ -1,8 +1,16 @@
 #include "system/systemctl.h"
 
+#include <algorithm>
+
 #include "base/paths.h"
 #include "system/file.h"
 #include "system/subprocess.h"
+
+std::string mount_unit_name(const std::string& path) {
+    std::string name = path.starts_with('/') ? path.substr(1) : path;
+    std::replace(name.begin(), name.end(), '/', '-');
+    return name + ".mount";
+}
 
 static bool run_on_unit(const char* verb, const std::string& unit, VelkctlError** error) {
     return run_command(error, "systemctl %s --quiet '%s'", {verb, base_name(unit).c_str()}) == 0;

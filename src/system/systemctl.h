@@ -16,6 +16,9 @@
 [[nodiscard]] bool systemctl_stop(const std::string& unit, VelkctlError** error);
 [[nodiscard]] bool systemctl_restart(const std::string& unit, VelkctlError** error);
 
+/** The name of the mount unit of an absolute path: every "/" becomes "-"; nothing else is escaped. */
+[[nodiscard]] std::string mount_unit_name(const std::string& path);
+
 /** Make the service manager read its unit files again. */
 [[nodiscard]] bool systemctl_daemon_reload(VelkctlError** error);
 /** Make the web server read its configuration again. */
