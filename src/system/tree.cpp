@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "system/file.h"
@@ -65,6 +66,7 @@ static bool remove_entry(const TreeEntry& entry) {
 bool remove_recursive(const std::string& path, VelkctlError** error) {
     if (!is_directory_no_follow(path))
         return true;
+    const Uninterrupted shield;  // half of a tree is of no use to anybody
     // The walk changes directory, and the second and third way take an entry's whole path.
     const std::string base = is_absolute_path(path) ? "" : current_dir(error) + "/";
     if (base == "/")
