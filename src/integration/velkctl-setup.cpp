@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/cfgtree.h"
@@ -325,6 +326,7 @@ bool run_steps(Setup* setup, VelkctlError** error) {
 }
 
 void undo(const std::string& app) {
+    const Uninterrupted shield;
     ErrorSlot error;
     if (velkctl_teardown(app, false, false, error) != 0)
         log_warning("Automatic teardown on failed setup failed. Code: %d, Message: %s", error.code(),
