@@ -2,8 +2,8 @@
 
 #include <sys/mman.h>
 
+#include "base/descriptors.h"
 #include "base/paths.h"
-#include "base/write-all.h"
 #include "integration/dbus-policy.h"
 #include "integration/own-files.h"
 #include "manifest/manifest.h"

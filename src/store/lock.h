@@ -60,7 +60,8 @@ class OperationLock {
     int levels_ = 0;
 };
 
-/** Whether setup was done for the application: its service unit file exists as a regular file. */
+/** Whether setup was done for the application: its service unit file, and not another application's unit of
+ * that name, exists as a regular file. */
 [[nodiscard]] bool is_set_up(const std::string& app);
 
 /**
