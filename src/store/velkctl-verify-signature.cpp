@@ -25,13 +25,11 @@ using OptionalPath = std::optional<std::string>;
 // Callers and their operators know this operation by this name.
 static constexpr const char* kOperation = "velkctl_split_package_verify_signature";
 static constexpr size_t kReadBuffer = 128 << 10;
-/** More than any signature takes. */
-static constexpr uint32_t kSignatureTextLimit = 1 << 20;
-/** The whole of an armoured signature (RFC 4880, section 6.2): headers, a blank line, lines of radix 64, a
- * sum. */
+/** The whole of an armoured signature (RFC 4880, section 6.2): headers, of which each may be empty, a blank
+ * line, lines of radix 64, a sum; blank lines where gpgv passes over them. Nothing in it is tried twice. */
 static constexpr const char* kArmouredSignature =
-    R"(^-----BEGIN PGP SIGNATURE-----[ \t]*\r?\n(?:[\w-]++: [^\r\n]*+\r?\n)*+[ \t]*\r?\n)"
-    R"((?:[A-Za-z0-9+\/]++={0,2}[ \t]*\r?\n)++(?:=[A-Za-z0-9+\/]{4}[ \t]*\r?\n)?)"
+    R"(^[ \t\r\n]*+-----BEGIN PGP SIGNATURE-----[ \t]*+\r?\n(?:[\w-]*+:(?: [^\r\n]*+)?\r?\n)*+)"
+    R"([ \t]*+\r?\n[ \t\r\n]*+(?:[A-Za-z0-9+\/]++={0,2}[ \t]*+\r?\n)++(?:=[A-Za-z0-9+\/]{4}[ \t]*+\r?\n)?)"
     R"(-----END PGP SIGNATURE-----\s*+$)";
 
 /** The temporary files of one verification, empty for one that was not made. */
@@ -114,16 +112,20 @@ static bool run_gpgv(const Temporaries& made, VelkctlError** error) {
 
 // gpgv passes over whatever stands around an armoured signature, and before its last line. All of it would go
 // into the record, and be read by every listing.
+bool is_signature_alone(const std::string& text) {
+    ErrorSlot mismatch;
+    return text.size() <= SIGNATURE_TEXT_LIMIT && (text.find("-----BEGIN PGP ") == std::string::npos ||
+                                                   check_regex(kArmouredSignature, text, mismatch));
+}
+
 static std::optional<std::string> read_signature(const std::string& path, uint32_t size,
                                                  VelkctlError** error) {
-    if (size > kSignatureTextLimit) {
+    if (size > SIGNATURE_TEXT_LIMIT) {
         set_no_openpgp(error);
         return std::nullopt;
     }
     std::optional<std::string> text = read_file(path, error);
-    ErrorSlot mismatch;
-    if (!text || text->find("-----BEGIN PGP ") == std::string::npos ||
-        check_regex(kArmouredSignature, *text, mismatch))
+    if (!text || is_signature_alone(*text))
         return text;
     set_no_openpgp(error);
     return std::nullopt;

@@ -1,9 +1,16 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
 #include "base/velkctl-error.h"
+
+/** More than any signature takes. */
+inline constexpr uint32_t SIGNATURE_TEXT_LIMIT = 1 << 20;
+
+/** Whether a text that gpgv takes is a signature with nothing around it; no larger one passes. */
+[[nodiscard]] bool is_signature_alone(const std::string& text);
 
 /** Whether a good signature is recorded. */
 enum VsfMode {
