@@ -1,8 +1,10 @@
 #include "system/systemctl.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "base/paths.h"
+#include "system/dbus-call.h"
 #include "system/file.h"
 #include "system/subprocess.h"
 
@@ -48,6 +50,41 @@ std::optional<bool> is_application_active(const std::string& app, VelkctlError**
     const std::string command = "systemctl is-active --quiet " + unit;
     SET_GENERAL_ERROR(error, "Failed running: %s", command.c_str());
     return std::nullopt;
+}
+
+/** Of the states that a unit can be in, those that its command line calls active. */
+static bool counts_as_active(std::string_view state) {
+    return state == "active" || state == "reloading" || state == "refreshing";
+}
+
+std::map<std::string, bool> active_applications(const std::vector<std::string>& apps) {
+    std::map<std::string, std::string> app_of;
+    GVariantBuilder units;
+    g_variant_builder_init(&units, G_VARIANT_TYPE("as"));
+    for (const std::string& app : apps) {
+        const std::string unit = paths::service_unit_name(app);
+        app_of[unit] = app;
+        // What is no text for the bus is left to be asked for alone.
+        if (g_utf8_validate(unit.data(), static_cast<gssize>(unit.size()), nullptr))
+            g_variant_builder_add(&units, "s", unit.c_str());
+    }
+    ErrorSlot not_asked;
+    const VariantPtr reply =
+        dbus_call("org.freedesktop.systemd1", "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
+                  "ListUnitsByNames", g_variant_new("(as)", &units), not_asked);
+    std::map<std::string, bool> active;
+    if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(ssssssouso))")))
+        return active;
+    GVariantIter* listed = nullptr;
+    g_variant_get(reply.get(), "(a(ssssssouso))", &listed);
+    const char* unit = nullptr;
+    const char* state = nullptr;
+    while (g_variant_iter_next(listed, "(&sss&sssouso)", &unit, nullptr, nullptr, &state, nullptr, nullptr,
+                               nullptr, nullptr, nullptr, nullptr))
+        if (const auto found = app_of.find(unit); found != app_of.end())
+            active[found->second] = counts_as_active(state);
+    g_variant_iter_free(listed);
+    return active;
 }
 
 bool require_application_stopped(const std::string& app, const char* command, VelkctlError** error) {

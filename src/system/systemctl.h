@@ -1,13 +1,16 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/velkctl-error.h"
 
 /*
- * The service manager, through its command line. A unit is named by its file name or its path. A failing
- * command is code 10 "Failed running ...", and what the service manager then has done stays.
+ * The service manager, through its command line unless said otherwise. A unit is named by its file name or
+ * its path. A failing command is code 10 "Failed running ...", and what the service manager then has done
+ * stays.
  */
 
 [[nodiscard]] bool systemctl_enable(const std::string& unit, VelkctlError** error);
@@ -29,6 +32,13 @@
  * with the command. Every exit status of the question other than 0 means that it is not active.
  */
 [[nodiscard]] std::optional<bool> is_application_active(const std::string& app, VelkctlError** error);
+
+/**
+ * Whether the services of many applications are active, told in the same way by one question over the bus. An
+ * application is left out when the service manager does not tell of its service under that name, and all of
+ * them are when it cannot be asked.
+ */
+[[nodiscard]] std::map<std::string, bool> active_applications(const std::vector<std::string>& apps);
 
 /**
  * Require that the application is not running: code 10 "Application %s is still running, please stop it
