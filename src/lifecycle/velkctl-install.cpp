@@ -2,6 +2,7 @@
 
 #include <cassert>
 
+#include "base/interruption.h"
 #include "base/log.h"
 #include "integration/http.h"
 #include "integration/velkctl-teardown.h"
@@ -36,6 +37,7 @@ bool import_and_set_up(const Installation& installation, VelkctlError** error) {
         return false;
     if (velkctl_setup(installation.app(), installation.options, error) == 0)
         return true;
+    const Uninterrupted shield;
     ErrorSlot cleanup;
     velkctl_remove(installation.app(), cleanup);
     return false;
@@ -66,7 +68,7 @@ bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError
         return false;
     const bool persist_user = keeps_user(installation);
     if (!require_application_stopped(app, "install", error) ||
-        velkctl_teardown(app, false, persist_user, error) != 0)
+        velkctl_teardown(app, false, persist_user, error) != 0 || fail_when_interrupted(error))
         return false;
     if (velkctl_remove(app, error) == 0 && import_and_set_up(installation, error))
         return true;
@@ -77,6 +79,7 @@ bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError
 /** Take an application away whose data could not be restored; the backup goes only when the application is
  * gone. */
 void uninstall_unstable(const std::string& app) {
+    const Uninterrupted shield;
     log_warning("Failed to restore %s. Will attempt to uninstall it.", app.c_str());
     ErrorSlot ignored;
     if (velkctl_teardown(app, false, false, ignored) != 0 || velkctl_remove(app, ignored) != 0 ||

@@ -1,6 +1,5 @@
 #include <getopt.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/caller.h"
 #include "base/handles.h"
 #include "base/printable.h"
 #include "base/velkctl-error.h"
@@ -360,11 +360,11 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A program that ends while it is being fed is told by its status.
-    std::signal(SIGPIPE, SIG_IGN);
+    put_caller_right();
     const int status = run(argc, argv);
-    if ((std::ferror(stdout) != 0 || std::fflush(stdout) != 0) && status == EXIT_SUCCESS) {
-        std::fprintf(stderr, "velk-pack: standard output: %s\n", system_error_text().c_str());
+    const int reason = finish_standard_output();
+    if (reason != 0 && status == EXIT_SUCCESS) {
+        std::fprintf(stderr, "velk-pack: standard output: %s\n", system_error_text(reason).c_str());
         return VELKCTL_ERROR_GENERAL;
     }
     return status;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/names.h"
@@ -101,9 +102,12 @@ static void set_no_openpgp(VelkctlError** error) {
 }
 
 static bool run_gpgv(const Temporaries& made, VelkctlError** error) {
-    const int status = run_command(nullptr, "gpgv --ignore-time-conflict --keyring '%s' '%s' '%s' 2>&1",
+    ErrorSlot reason;
+    const int status = run_command(reason, "gpgv --ignore-time-conflict --keyring '%s' '%s' '%s' 2>&1",
                                    {paths::kKeyring, made.signature.c_str(), made.data.c_str()});
-    if (status == 1)
+    if (status < 0 && kept_signal() != 0)
+        reason.move_to(error);
+    else if (status == 1)
         velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Bad signature, doesn't match keyring");
     else if (status != 0)
         set_no_openpgp(error);
@@ -173,7 +177,8 @@ int validate_signature_and_create_vsf(const char* appname, const char* path, Opt
     Temporaries made;
     const std::optional<std::string> text = split_and_verify(package.get(), path, &made, error);
     hand_out_or_delete(made.signature, signature);
-    hand_out_or_delete(made.data, data);
+    // An interruption says nothing about the package.
+    hand_out_or_delete(made.data, !text && kept_signal() != 0 ? nullptr : data);
     if (!text)
         return -1;
     if (mode == CREATE_VSF_NO)
