@@ -44,7 +44,7 @@ bool check_card(const StoreLocation& location, VelkctlError** error) {
         return false;
     }
     if (mount->type == "ext4")
-        return true;
+        return require_own_directory(location, error);
     SET_GENERAL_ERROR(
         error,
         "%s uses file system %s which does not support Unix file permissions. Please reformat to a file "
@@ -281,6 +281,8 @@ static bool move_to_place(const std::string& staging, const std::string& directo
 }
 
 bool lay_out_directory(Package* package, const StoreLocation& location, VelkctlError** error) {
+    if (!require_own_directory(location, error))
+        return false;
     const std::string directory = store_path(package->app(), &location);
     const Staging staging(staging_path(directory));
     if (!make_dirs_group(staging.path(), error) || !unpack_into(staging.path(), package, error) ||
