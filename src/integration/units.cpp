@@ -1,19 +1,11 @@
 #include "integration/units.h"
 
-#include <algorithm>
-
 #include "base/paths.h"
 #include "base/quote.h"
 #include "integration/containers.h"
 #include "integration/unit-text.h"
 #include "system/subprocess.h"
 #include "system/systemctl.h"
-
-std::string mount_unit_name(const std::string& path) {
-    std::string name = path.starts_with('/') ? path.substr(1) : path;
-    std::replace(name.begin(), name.end(), '/', '-');
-    return name + ".mount";
-}
 
 std::string disk_polling_unit_name(const std::string& app) { return "sdk" + app + "-disk-mounted.service"; }
 

@@ -145,7 +145,8 @@ int velkctl_uninstall(const std::string& app, bool reload, VelkctlError** error)
         }
         warn_and_clear_error(trouble, nullptr);
     }
-    velkctl_remove(app, trouble);
+    if (velkctl_remove(app, trouble) != 0)
+        velkctl_forget(app);
     warn_and_clear_error(trouble, nullptr);
     return 0;
 }

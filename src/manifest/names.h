@@ -44,7 +44,7 @@
  *
  * @param result  untouched on failure
  * @return false when characters are left over, or the value lies outside -2147483648 to 2147483646. The
- * highest number itself is refused: packages in the field rely on it marking "too large".
+ * highest number itself is refused: it marks "too large".
  */
 [[nodiscard]] bool string_to_int(const char* text, int32_t* result);
 
