@@ -1,6 +1,7 @@
 #include "integration/velkctl-teardown.h"
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/cfgtree.h"
@@ -126,7 +127,10 @@ bool remove_dynamic_user(const std::string& app, VelkctlError** error) {
         return false;
     const bool is_static =
         manifest_object(manifest.get(), nullptr, {"velkPackageConf", "setup", "user", "username"}) != nullptr;
-    return is_static || remove_user(app, error);
+    if (is_static)
+        return true;
+    end_left_processes(app);  // a process of it would be one of the next application's
+    return remove_user(app, error);
 }
 
 void remove_user_and_ranges(Teardown* teardown) {
@@ -166,6 +170,8 @@ bool tear_down(const std::string& app, bool reload, bool persist_user, VelkctlEr
         .application = std::move(*application), .app = app, .directory = paths::store_root_path(app)};
     read_teardown_manifest(&teardown);
     take_leave_of_application(&teardown);
+    const Uninterrupted shield;  // what is left takes moments, and half of it would be left to somebody
+    end_left_processes(app);
     remove_configuration(&teardown);
     if (!persist_user)
         remove_user_and_ranges(&teardown);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/names.h"
@@ -72,7 +73,8 @@ bool lockfile_create(const char* appname, VelkctlError** error) {
                           "lockfile_create", "appname");
         return false;
     }
-    if (!ensure_store_root(error) || !make_lock_directory(error))
+    // Nothing is changed yet: the last moment at which nothing is to be taken back.
+    if (fail_when_interrupted(error) || !ensure_store_root(error) || !make_lock_directory(error))
         return false;
     std::string temporary = std::string(paths::kLockFile) + "_XXXXXX" + kTemporaryEnding;
     const UniqueFd fd(mkostemps(temporary.data(), kTemporaryEndingLength, O_CLOEXEC));
