@@ -2,6 +2,7 @@
 
 #include <cassert>
 
+#include "base/interruption.h"
 #include "base/log.h"
 #include "integration/http.h"
 #include "integration/velkctl-teardown.h"
@@ -30,6 +31,7 @@ struct Installation {
 bool set_up_imported(const Installation& installation, VelkctlError** error) {
     if (velkctl_setup(installation.app(), installation.options, error) == 0)
         return true;
+    const Uninterrupted shield;
     ErrorSlot cleanup;
     velkctl_remove(installation.app(), cleanup);
     return false;
@@ -68,7 +70,7 @@ bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError
         return false;
     const bool persist_user = keeps_user(installation);
     if (!require_application_stopped(app, "install", error) || !check_new_version(installation, error) ||
-        velkctl_teardown(app, false, persist_user, error) != 0)
+        velkctl_teardown(app, false, persist_user, error) != 0 || fail_when_interrupted(error))
         return false;
     if (velkctl_remove(app, error) == 0 &&
         import_verified(installation.package, *installation.location, error) &&
@@ -81,6 +83,7 @@ bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError
 /** Take an application away whose data could not be restored; the backup goes only when the application is
  * gone. */
 void uninstall_unstable(const std::string& app) {
+    const Uninterrupted shield;
     log_warning("Failed to restore %s. Will attempt to uninstall it.", app.c_str());
     ErrorSlot ignored;
     if (velkctl_teardown(app, false, false, ignored) != 0 || velkctl_remove(app, ignored) != 0 ||

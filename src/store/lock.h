@@ -18,7 +18,8 @@ inline constexpr const char* NO_CLEAN_ON_FAILURE = NO_APP_NAME;
  *
  * @param appname  what the file names; when the lock is held already the outermost name stays
  * @param error    code 12 "Another instance is already running, lock file exists: %s"; code 10 when the name
- * is null or empty, or when the lock cannot be made. Nothing is taken and no file is left then.
+ * is null or empty, when the lock cannot be made, or when the command is asked to end. Nothing is taken and
+ * no file is left then.
  */
 [[nodiscard]] bool lockfile_create(const char* appname, VelkctlError** error);
 
@@ -60,7 +61,8 @@ class OperationLock {
     int levels_ = 0;
 };
 
-/** Whether setup was done for the application: its service unit file exists as a regular file. */
+/** Whether setup was done for the application: its service unit file, and not another application's unit of
+ * that name, exists as a regular file. */
 [[nodiscard]] bool is_set_up(const std::string& app);
 
 /**

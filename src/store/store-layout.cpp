@@ -310,7 +310,7 @@ static uint64_t blocks_of_tree(const std::string& root, dev_t disk) {
         return true;
     };
     if (is_directory_no_follow(root))
-        (void)walk_tree(root, TreeOrder::ChildrenFirst, count);
+        (void)walk_tree(root, {}, count);
     return bytes;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "store/package-trailer.h"
@@ -101,9 +102,12 @@ static void set_no_openpgp(VelkctlError** error) {
 }
 
 static bool run_gpgv(const Temporaries& made, VelkctlError** error) {
-    const int status = run_command(nullptr, "gpgv --ignore-time-conflict --keyring '%s' '%s' '%s' 2>&1",
+    ErrorSlot reason;
+    const int status = run_command(reason, "gpgv --ignore-time-conflict --keyring '%s' '%s' '%s' 2>&1",
                                    {paths::kKeyring, made.signature.c_str(), made.data.c_str()});
-    if (status == 1)
+    if (status < 0 && kept_signal() != 0)
+        reason.move_to(error);
+    else if (status == 1)
         velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "Bad signature, doesn't match keyring");
     else if (status != 0)
         set_no_openpgp(error);
@@ -190,7 +194,8 @@ int validate_signature_and_create_vsf(const char* appname, const char* path, Opt
     if (passes && !judgement.is_signed)
         return accept_unsigned_package(appname, path, data, error);
     hand_out_or_delete(judgement.made.signature, signature);
-    hand_out_or_delete(judgement.made.data, data);
+    // An interruption says nothing about the package.
+    hand_out_or_delete(judgement.made.data, !passes && kept_signal() != 0 ? nullptr : data);
     if (!passes)
         return -1;
     return mode == CREATE_VSF_NO || create_vsf(appname, judgement.signature, error) ? 0 : -1;
@@ -200,6 +205,9 @@ bool verify_package(const Package& package, VerifiedParts* parts, VelkctlError**
     Judgement judgement;
     const bool passes = judge(package, package.path().c_str(), &judgement, error);
     hand_out_or_delete(judgement.made.signature, nullptr);
+    // An interruption says nothing about the package.
+    if (!passes && kept_signal() != 0)
+        hand_out_or_delete(judgement.made.data, nullptr);
     parts->data = judgement.is_signed ? judgement.made.data : package.path();
     if (passes && judgement.is_signed)
         parts->signature = std::move(judgement.signature);

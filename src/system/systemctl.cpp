@@ -41,7 +41,27 @@ bool systemctl_reload_web_server(VelkctlError** error) {
     return run_command(error, "systemctl reload httpd") == 0;
 }
 
+bool is_unit_loaded(const std::string& unit) {
+    std::string state;
+    ErrorSlot unknown;
+    return spawn_and_wait({"systemctl", "show", "--property=LoadState", "--value", "--", unit}, &state,
+                          unknown) == 0 &&
+           state == "loaded\n";
+}
+
+std::optional<std::string> owner_of_polling_service(const std::string& app) {
+    constexpr std::string_view SUFFIX = "-disk-mounted";
+    ErrorSlot none;
+    const std::string line = std::string("\nExecStart=") + POLLING_PROGRAM + "\n";
+    if (!app.ends_with(SUFFIX) ||
+        read_file(paths::service_unit_path(app), none).value_or("").find(line) == std::string::npos)
+        return std::nullopt;
+    return app.substr(0, app.size() - SUFFIX.size());
+}
+
 std::optional<bool> is_application_active(const std::string& app, VelkctlError** error) {
+    if (owner_of_polling_service(app))
+        return false;
     const std::string unit = paths::service_unit_name(app);
     ErrorSlot reason;
     const int status = run_command(reason, "systemctl is-active --quiet %s", {unit.c_str()});

@@ -27,6 +27,18 @@
 /** Make the web server read its configuration again. */
 [[nodiscard]] bool systemctl_reload_web_server(VelkctlError** error);
 
+/** What the services that wait for a card run; they are done once the card is there. */
+inline constexpr const char* POLLING_PROGRAM = "echo null > /dev/null";
+
+/** Whether the service manager has the unit: neither unknown to it nor with settings that it refuses. */
+[[nodiscard]] bool is_unit_loaded(const std::string& unit);
+
+/**
+ * The application whose card the service waits for that has the name of this application's service, when
+ * that is what its unit file holds. The file is then not this application's.
+ */
+[[nodiscard]] std::optional<std::string> owner_of_polling_service(const std::string& app);
+
 /**
  * Whether the application's service is active; nothing when it cannot be asked, code 10 "Failed running: %s"
  * with the command. Every exit status of the question other than 0 means that it is not active.
