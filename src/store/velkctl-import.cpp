@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/manifest-rules.h"
@@ -107,6 +108,7 @@ class OldRecord {
     OldRecord(const OldRecord&) = delete;
     OldRecord& operator=(const OldRecord&) = delete;
     ~OldRecord() {
+        const Uninterrupted shield;
         ErrorSlot trouble;
         if (text_ && !app_exists(app_.c_str(), trouble) && !write_vsf(app_, *text_, trouble))
             warn_and_clear_error(trouble, nullptr);
@@ -144,6 +146,7 @@ static bool place(Package* package, const StoreLocation& location, bool* is_plac
 
 /** Take back what was placed a moment ago. */
 static void take_back(const std::string& app, const StoreLocation& location) {
+    const Uninterrupted shield;
     ErrorSlot trouble;
     const std::string directory = store_path(app, &location);
     const std::string staging = staging_path(directory);
