@@ -16,11 +16,14 @@ std::string dynamic_user_name(const std::string& app_name) {
     return name;
 }
 
+static constexpr ManifestPath USERNAME = {"velkPackageConf", "setup", "user", "username"};
+
+bool has_dynamic_user(const json_t* manifest) { return !manifest_object(manifest, nullptr, USERNAME); }
+
 std::optional<std::string> get_manifest_app_user(const std::string& app_name, const json_t* manifest,
                                                  bool* is_dynamic, VelkctlError** error) {
     assert(is_dynamic);
-    const ManifestPath username = {"velkPackageConf", "setup", "user", "username"};
-    if (!manifest_object(manifest, nullptr, username)) {
+    if (has_dynamic_user(manifest)) {
         *is_dynamic = true;
         return dynamic_user_name(app_name);
     }
@@ -29,7 +32,7 @@ std::optional<std::string> get_manifest_app_user(const std::string& app_name, co
                           "Manifest contains both application specific user and legacy user");
         return std::nullopt;
     }
-    std::optional<std::string> user = manifest_string(manifest, error, username);
+    std::optional<std::string> user = manifest_string(manifest, error, USERNAME);
     if (user)
         *is_dynamic = false;
     return user;
