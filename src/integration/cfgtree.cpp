@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
+#include "base/descriptors.h"
 #include "base/paths.h"
-#include "base/write-all.h"
 #include "integration/dbus-policy.h"
 #include "integration/own-files.h"
 #include "manifest/manifest.h"

@@ -9,6 +9,9 @@
 #include "manifest/manifest.h"
 #include "system/user-database.h"
 
+/** Where a manifest names the user; one that does not is for a user of the application's own. */
+static constexpr ManifestPath kUsername = {"velkPackageConf", "setup", "user", "username"};
+
 std::string dynamic_user_name(const std::string& app_name) {
     std::string name = "velk-" + app_name;
     for (char& letter : name)
@@ -16,9 +19,7 @@ std::string dynamic_user_name(const std::string& app_name) {
     return name;
 }
 
-static constexpr ManifestPath USERNAME = {"velkPackageConf", "setup", "user", "username"};
-
-bool has_dynamic_user(const json_t* manifest) { return !manifest_object(manifest, nullptr, USERNAME); }
+bool has_dynamic_user(const json_t* manifest) { return !manifest_object(manifest, nullptr, kUsername); }
 
 std::optional<std::string> get_manifest_app_user(const std::string& app_name, const json_t* manifest,
                                                  bool* is_dynamic, VelkctlError** error) {
@@ -32,7 +33,7 @@ std::optional<std::string> get_manifest_app_user(const std::string& app_name, co
                           "Manifest contains both application specific user and legacy user");
         return std::nullopt;
     }
-    std::optional<std::string> user = manifest_string(manifest, error, USERNAME);
+    std::optional<std::string> user = manifest_string(manifest, error, kUsername);
     if (user)
         *is_dynamic = false;
     return user;
@@ -46,6 +47,15 @@ std::optional<std::string> application_username(const char* app_name, VelkctlErr
     const JsonPtr manifest = load_installed_manifest(app_name, error);
     bool is_dynamic = false;
     return manifest ? get_manifest_app_user(app_name, manifest.get(), &is_dynamic, error) : std::nullopt;
+}
+
+std::optional<UserEntry> find_own_user(const std::string& app_name) {
+    ErrorSlot unknown;
+    const JsonPtr manifest = load_installed_manifest(app_name, unknown);
+    if (!manifest || !has_dynamic_user(manifest.get()))
+        return std::nullopt;
+    std::optional<UserEntry> user = find_user(dynamic_user_name(app_name), unknown);
+    return user && user->uid != 0 ? user : std::nullopt;
 }
 
 std::optional<AppOwner> application_owner(const char* app_name, VelkctlError** error) {

@@ -113,11 +113,7 @@ bool remove_area_file(const AreaDirectory& directory, const std::string& name, V
 bool clear_area_entry(const AreaDirectory& directory, const std::string& name, VelkctlError** error) {
     if (area_entry_kind(directory, name) != S_IFDIR)
         return remove_area_file(directory, name, error);
-    ErrorSlot failure;
-    if (remove_recursive(directory.access_path(name), failure))
-        return true;
-    move_with_known_paths(failure, {{directory.access_path(""), directory.path_of("")}}, error);
-    return false;
+    return remove_recursive_at(directory.fd(), name, directory.path_of(name), error);
 }
 
 bool flush_and_rename_area_file(const AreaDirectory& directory, const std::string& from,
