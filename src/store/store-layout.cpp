@@ -140,6 +140,12 @@ class Staging {
         (void)remove_recursive(path_, ignored);
     }
     [[nodiscard]] const std::string& path() const { return path_; }
+    /** What is left of an earlier one would become part of the application. */
+    [[nodiscard]] bool require_cleared(VelkctlError** error) const {
+        struct stat status {};
+        return lstat(path_.c_str(), &status) != 0 ||
+               FAIL_GENERAL(error, "Leftover staging directory cannot be removed: %s", path_.c_str());
+    }
 
   private:
     std::string path_;
@@ -253,9 +259,10 @@ bool lay_out_directory(const std::string& app, const StoreLocation& location, co
                        const json_t* manifest, VelkctlError** error) {
     const std::string directory = store_path(app, &location);
     const Staging staging(staging_path(directory));
-    if (!make_dirs_group(staging.path(), error) || !unpack_into(staging.path(), data, error) ||
-        !protect_control_files(staging.path(), error) || !check_manifest(staging.path(), manifest, error) ||
-        !flush_tree(staging.path(), error) || !make_reserved_dir(directory, kApplicationMode, error))
+    if (!staging.require_cleared(error) || !make_dirs_group(staging.path(), error) ||
+        !unpack_into(staging.path(), data, error) || !protect_control_files(staging.path(), error) ||
+        !check_manifest(staging.path(), manifest, error) || !flush_tree(staging.path(), error) ||
+        !make_reserved_dir(directory, kApplicationMode, error))
         return false;
     const bool moved = location.kind == STORE_SD_CARD1
                            ? move_below_overlay(staging.path(), directory, location, error)
