@@ -13,6 +13,7 @@
 #include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "store/lock.h"
+#include "store/package-trailer.h"
 #include "store/store-layout.h"
 #include "store/velkctl-verify-signature.h"
 #include "store/velkctl-vsf.h"
@@ -73,10 +74,12 @@ static std::optional<std::string> verify(const std::string& package, const std::
     }
     // When the signature is refused its data stays for whoever looks into the matter.
     std::optional<std::string> data;
-    if (validate_signature_and_create_vsf(app.c_str(), package.c_str(), &data, nullptr, CREATE_VSF, error) !=
+    if (validate_signature_and_create_vsf(app.c_str(), package.c_str(), &data, nullptr, CREATE_VSF, error) ==
         0)
-        return std::nullopt;
-    return data;
+        return data;
+    if (data && *data != package)
+        keep_package_data(*data);
+    return std::nullopt;
 }
 
 static bool check_firmware(const ParsedManifest& manifest, VelkctlError** error) {
@@ -121,10 +124,21 @@ static bool require_no_other_case(const std::string& app, VelkctlError** error) 
     return true;
 }
 
+std::string import_note(const StoreLocation& location) { return std::string("import-") + location.name; }
+
+// The root's link comes last, and what dies before it leaves an application that the root knows nothing of. A
+// directory that came with a card is not this import's: nothing is unpacked over it.
+static bool note_placing(const std::string& app, const StoreLocation& location, VelkctlError** error) {
+    const bool is_anothers = location.disk && is_filled_directory(store_path(app, &location));
+    return !location.subdir || is_anothers || lockfile_note(import_note(location), error);
+}
+
 static bool place(const VerifiedPackage& package, const StoreLocation& location, VelkctlError** error) {
     const std::string& app = package.parsed.appName;
     if (location.kind == STORE_SD_CARD1 &&
         (!check_card(location, error) || !remove_recursive(store_path(app, &location), error)))
+        return false;
+    if (!note_placing(app, location, error))
         return false;
     const bool laid_out =
         location.kind == STORE_INTERNAL_VLPFS

@@ -24,6 +24,10 @@
 [[nodiscard]] int velkctl_import(const std::string& path, const StoreLocation* location, std::string* appname,
                                  VelkctlError** error);
 
+/** The note of the lock that says that an import was about to make the application's directory at the
+ * location. */
+[[nodiscard]] std::string import_note(const StoreLocation& location);
+
 /**
  * Check that a new version comes from the vendor of the one in the store. Letter case does not count; no
  * version in the store, or one without a vendor, passes.
