@@ -30,19 +30,14 @@ RANDOM_NAMES = r"s,\(/velkctl_\|/\.filesync-\)[A-Za-z0-9]\{6\},\1??????,"
 # What a dead command may leave beside the state before or after it, as the beginning of a view's line: in a word, and
 # why clean cannot do better. These stay for good, harmless, ...
 TEMPORARY = {
-    # The package is split before the lock is taken, so that nothing tells clean of it; and it looks at the store only.
-    r"/tmp/velkctl_\?{6}\.(sig|vlp) ": "a split package",
-    # The writer's own file, of a name that only the dead writer knew.
-    rf"{STATES}/\.filesync-\?{{6}} ": "a half-written file",
     # Made before the lock is taken; without a lock clean leaves the lock's directory alone.
     rf"{LOCK}_\?{{6}}\.tmp ": "a file of the lock",
+    rf"{STORE}/_lock/(backup|restore)\.\d+ ": "a file of the lock",
 }
-# ... and these until the application is imported again.
+# ... and this until the application is imported again.
 UNTIL_NEXT = {
     # Written before the lock is taken, and deleted only with an application that the store has.
     rf"{STATES}/App ": "a verification state",
-    # Clean looks for an application that is being unpacked in the store's root only.
-    rf"({CARD}|{CARD2})/App\.tmp[ /]": "files on the card",
 }
 
 LIBRARY = r"""
