@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/paths.h"
+#include "integration/users.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
 #include "system/area.h"
@@ -124,6 +125,7 @@ bool back_up_application(const std::string& app, VelkctlError** error) {
     const StoreLocation* location = find_app_location(app, error);
     if (!location)
         return false;
+    end_left_processes(app);
     const Source source = find_source(app, location);
     // What cannot be seen, for instance behind a link that leads nowhere, replaces nothing that was saved.
     if (!is_directory(source.directory) && backup_exists(app))

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/velkctl-teardown.h"
@@ -102,6 +103,7 @@ void finish_backup(const std::string& app) {
     ErrorSlot failure;
     if (!lockfile_has_note(BACKUP_COMMAND) || !is_valid_app_name(app, failure))
         return;
+    const Uninterrupted whole;  // what follows it takes the data away
     if (back_up_application(app, failure))
         log_info("Backed up application %s", app.c_str());
     else

@@ -7,6 +7,7 @@
 
 #include "base/paths.h"
 #include "integration/cfgtree.h"
+#include "integration/users.h"
 #include "lifecycle/velkctl-backup.h"
 #include "manifest/app-user.h"
 #include "platform/libvelkctl.h"
@@ -190,6 +191,7 @@ int velkctl_restore(const std::string& app, VelkctlError** error) {
     WorkingDirectory working_directory;
     if (!owner || !working_directory.remember(error) || !working_directory.enter(backup_path(app), error))
         return -1;
+    end_left_processes(app);
     std::optional<AreaDirectory> application = open_area(paths::store_root_path(app), error);
     if (!application)
         return -1;

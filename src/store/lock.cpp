@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/names.h"
@@ -219,7 +220,8 @@ bool lockfile_create(const char* appname, const std::string& note, VelkctlError*
     if (!appname || !*appname)
         return fail(error, VELKCTL_ERROR_GENERAL, "%s: Invalid argument: %s is NULL or empty",
                     "lockfile_create", "appname");
-    if (!ensure_store_root(error) || !make_lock_directory(error))
+    // Nothing is changed yet: the last moment at which nothing is to be taken back.
+    if (fail_when_interrupted(error) || !ensure_store_root(error) || !make_lock_directory(error))
         return false;
     bool swept = true;
     for (int left = kAttempts; swept && left > 0; left--)
@@ -336,7 +338,9 @@ void OperationLock::release() {
         lockfile_release();
 }
 
-bool is_set_up(const std::string& app) { return is_regular_file(paths::service_unit_path(app)); }
+bool is_set_up(const std::string& app) {
+    return is_regular_file(paths::service_unit_path(app)) && !owner_of_polling_service(app);
+}
 
 bool lock_app_for_operation(const std::string& app, const char* command, OperationLock* lock,
                             VelkctlError** error) {

@@ -6,7 +6,7 @@ from collections import Counter
 from collections.abc import Iterator
 
 import pytest
-from interruption import COMMANDS, FOLDER, LOCATIONS, PACKAGE, VELKCTL, Scenario, kinds_of_states, left_behind, sample, summary
+from interruption import COMMANDS, FOLDER, LOCATIONS, PACKAGE, Scenario, kinds_of_states, left_behind, sample, summary
 from store_support import LOCK, allow_unsigned, simple_package
 from velkdevice import snapshot
 from velkdevice.device import Device
@@ -44,7 +44,7 @@ def scenario(machine: Device, command: str, location: str) -> Iterator[Scenario]
 
 # What the deaths leave beside a state, all of it and nothing else.
 LEFT = {
-    "import": {"a file of the lock", "a verification state"},
+    "import": {"a file of the lock"},
     "remove": {"a file of the lock"},
     "clean": set(),
 }

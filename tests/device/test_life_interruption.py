@@ -17,7 +17,7 @@ import pytest
 from apps import app
 from interruption import FOLDER, TEMPORARY, VELKCTL, Scenario, left_behind, sample, summary
 from setups import section
-from store_support import CARD, LAYERS, SETTINGS, STORE, allow_unsigned
+from store_support import CARD, LAYERS, SETTINGS, allow_unsigned
 from velkdevice import package, snapshot
 from velkdevice.device import Device
 
