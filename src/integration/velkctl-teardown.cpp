@@ -46,9 +46,20 @@ struct Teardown {
     }
 };
 
+// What counts is that it does not run any more: an application can make the rest of a stop fail, for instance
+// the recording of it in a directory of its own.
 bool stop_if_running(const std::string& app, VelkctlError** error) {
     const std::optional<bool> active = is_application_active(app, error);
-    return active && (!*active || velkctl_stop(app, nullptr, error) == 0);
+    ErrorSlot failure;
+    if (!active || !*active || velkctl_stop(app, nullptr, failure) == 0)
+        return active.has_value();
+    ErrorSlot unknown;
+    if (is_application_active(app, unknown).value_or(true)) {
+        failure.move_to(error);
+        return false;
+    }
+    warn_and_clear_error(failure, nullptr);
+    return true;
 }
 
 /** Take the lock and find the application, which must be in the store. */

@@ -10,6 +10,9 @@ enum FilesyncMode {
     FILESYNC_FULL = 1,  ///< the content before the rename, the directory after it
 };
 
+/** What the temporary file beside the target is called; each X stands for a letter or digit. */
+inline constexpr const char* FILESYNC_TEMPORARY = ".filesync-XXXXXX";
+
 /**
  * Replace the file at `path` by `length` bytes of `contents`: a reader sees the old file or the new one,
  * never a part, also after a power cut. A link at `path` is replaced, never written through. The library's

@@ -8,10 +8,18 @@
 /*
  * The lock that keeps a second state-changing command away. It is a file whose content tells `velkctl clean`
  * what a command that died was changing. Within one process it nests.
+ *
+ * Who holds it also keeps an advisory lock on the file, which ends with the process whatever ends it: that
+ * tells a holder that lives from one that died. And it can leave notes, which tell what it was about; they
+ * belong to this lock, and go with it.
  */
 
 /** Lock content of a command that leaves nothing to undo when it dies. */
 inline constexpr const char* NO_CLEAN_ON_FAILURE = NO_APP_NAME;
+
+/** The word of the command whose death costs no data: what it was to save is saved before anything is undone.
+ */
+inline constexpr const char* BACKUP_COMMAND = "backup";
 
 /**
  * Take the lock, or take it one level deeper when this process holds it already.
@@ -23,11 +31,31 @@ inline constexpr const char* NO_CLEAN_ON_FAILURE = NO_APP_NAME;
  */
 [[nodiscard]] bool lockfile_create(const char* appname, VelkctlError** error);
 
-/** Give one level back; the last one deletes the file and syncs. Without a level it does nothing. */
+/** The same with a note that is there as soon as the lock is; none when it is empty, or the lock is held
+ * already. */
+[[nodiscard]] bool lockfile_create(const char* appname, const std::string& note, VelkctlError** error);
+
+/**
+ * Leave a note beside the lock file, on the disk. Does nothing when this process holds no lock.
+ *
+ * @param word   letters, digits, underscores and hyphens
+ * @param error  code 10 "Failed creating file %s: %s" or "Failed flushing %s: %s"
+ */
+[[nodiscard]] bool lockfile_note(const std::string& word, VelkctlError** error);
+
+/** Whether there is such a note of the lock that this process holds. */
+[[nodiscard]] bool lockfile_has_note(const std::string& word);
+
+/** Take the note away, when there is one, and sync. */
+void lockfile_forget_note(const std::string& word);
+
+/** Give one level back; the last one deletes the file, unless it is another's by now, and syncs. Without a
+ * level it does nothing. */
 void lockfile_release();
 
 /**
- * Delete the lock file and stale temporary files of it, and forget all levels.
+ * Delete the lock file and stale temporary files and notes of it, and forget all levels. A file that another
+ * command put in the place of the one that this process holds stays.
  *
  * @param error  code 10 "Failed removing %s: %s"; the levels are then kept
  */
@@ -40,6 +68,15 @@ void lockfile_release();
  * untouched
  */
 [[nodiscard]] bool lockfile_read(std::string* content, VelkctlError** error);
+
+/**
+ * Make sure that no living process holds the lock file, and hold it from now on, so that of two recoveries
+ * one works. For what has the name and cannot be opened nothing is held, and that is a success too.
+ *
+ * @param found  whether there is one
+ * @param error  code 12 "Another instance is already running, lock file exists: %s"; nothing was changed then
+ */
+[[nodiscard]] bool lockfile_seize(bool* found, VelkctlError** error);
 
 /** Adopt the lock file of a process that died, as the first level. No level may be held (asserted). */
 void lockfile_take_over();
@@ -54,6 +91,8 @@ class OperationLock {
 
     /** Take one level, as lockfile_create. */
     [[nodiscard]] bool take(const std::string& app, VelkctlError** error);
+    /** The same with a note. */
+    [[nodiscard]] bool take(const std::string& app, const std::string& note, VelkctlError** error);
     /** Give back what was taken. */
     void release();
 
@@ -69,7 +108,7 @@ class OperationLock {
  * What backup and restore check first: the name, then, with the lock taken into `lock`, that the application
  * is not running and that it is in the store. `lock` keeps what it took also when a later check fails.
  *
- * @param command  the command's word, for the message
+ * @param command  the command's word, for the message and as the lock's note
  * @param error    code 10 for the name, the lock or a running application; 12 for a lock held elsewhere; 4
  */
 [[nodiscard]] bool lock_app_for_operation(const std::string& app, const char* command, OperationLock* lock,

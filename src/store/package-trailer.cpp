@@ -1,6 +1,7 @@
 #include "store/package-trailer.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "base/log.h"
 #include "system/archive.h"
 #include "system/file.h"
 
@@ -19,7 +21,6 @@ static constexpr uint32_t kBlock = 4096;
 // Blocks are what messages count; the system is asked for more at a time.
 static constexpr size_t kStreamBuffer = 128 << 10;
 static constexpr int kEndingLength = 4;
-static constexpr mode_t kDataMode = 0644;
 
 static bool set_signature_error(VelkctlError** error, const char* text) {
     velkctl_error_set(error, VELKCTL_ERROR_SIGNATURE, "%s: %s", text, system_error_text().c_str());
@@ -277,10 +278,17 @@ bool copy_package_data(std::FILE* package, const PackageTrailer& trailer, const 
     NewFile file;
     if (!make_file(name_template, "Failed creating file", &file, error))
         return false;
-    if (copy_blocks(package, path, file, length, error) && set_mode(file.name, kDataMode, error)) {
+    if (copy_blocks(package, path, file, length, error) &&
+        set_mode(file.name, PACKAGE_DATA_MODE | S_ISVTX, error)) {
         *made = file.name;
         return true;
     }
     unlink(file.name.c_str());
     return false;
+}
+
+void keep_package_data(const std::string& path) {
+    ErrorSlot failure;
+    if (!set_mode(path, PACKAGE_DATA_MODE, failure))
+        warn_and_clear_error(failure, nullptr);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -28,6 +30,8 @@ inline constexpr uint32_t PACKAGE_SIGNATURE_LIMIT = 0x7FFFFFF0;
 /** The largest data part of a signed package: lengths are signed 32-bit numbers in packages of this version.
  */
 inline constexpr int32_t PACKAGE_DATA_LIMIT = INT32_MAX;
+/** The mode of a data part in a file of its own that a command leaves for good. */
+inline constexpr mode_t PACKAGE_DATA_MODE = 0644;
 
 /**
  * Whether the package ends in the magic number.
@@ -64,7 +68,8 @@ inline constexpr int32_t PACKAGE_DATA_LIMIT = INT32_MAX;
                                           VelkctlError** error);
 
 /**
- * Write the data part into a new file made from `name_template` as above, mode 0644.
+ * Write the data part into a new file made from `name_template` as above, mode 0644 with the sticky bit,
+ * which says that a command still works with it: one that is found so later was left by a command that died.
  *
  * @param path   of the package, for messages
  * @param made   receives the file's name; untouched on failure, when the file is deleted again
@@ -73,3 +78,6 @@ inline constexpr int32_t PACKAGE_DATA_LIMIT = INT32_MAX;
 [[nodiscard]] bool copy_package_data(std::FILE* package, const PackageTrailer& trailer,
                                      const std::string& path, const std::string& name_template,
                                      std::string* made, VelkctlError** error);
+
+/** Leave such a file for good, without that bit. */
+void keep_package_data(const std::string& path);

@@ -160,6 +160,12 @@ class Staging {
         (void)remove_recursive(path_, ignored);
     }
     [[nodiscard]] const std::string& path() const { return path_; }
+    /** What is left of an earlier one would become part of the application. */
+    [[nodiscard]] bool require_cleared(VelkctlError** error) const {
+        struct stat status {};
+        return lstat(path_.c_str(), &status) != 0 ||
+               FAIL_GENERAL(error, "Leftover staging directory cannot be removed: %s", path_.c_str());
+    }
 
   private:
     std::string path_;
@@ -286,8 +292,8 @@ bool lay_out_directory(Package* package, const StoreLocation& location, VelkctlE
         return false;
     const std::string directory = store_path(package->app(), &location);
     const Staging staging(staging_path(directory));
-    if (!make_dirs_group(staging.path(), error) || !unpack_into(staging.path(), package, error) ||
-        !protect_control_files(staging.path(), error) ||
+    if (!staging.require_cleared(error) || !make_dirs_group(staging.path(), error) ||
+        !unpack_into(staging.path(), package, error) || !protect_control_files(staging.path(), error) ||
         !check_manifest(staging.path(), package->manifest(), error) || !flush_tree(staging.path(), error) ||
         !make_reserved_dir(directory, kApplicationMode, error))
         return false;

@@ -15,6 +15,7 @@
 #include "manifest/manifest.h"
 #include "store/application.h"
 #include "store/lock.h"
+#include "store/package-trailer.h"
 #include "store/store-layout.h"
 #include "store/velkctl-verify-signature.h"
 #include "store/velkctl-vsf.h"
@@ -28,6 +29,13 @@ static bool is_verified_by_image(const std::string& package) {
     const std::string sidecar = package + ".json";
     const JsonPtr description(json_load_file(sidecar.c_str(), 0, nullptr));
     return json_is_true(json_object_get(description.get(), "signed"));
+}
+
+/** Leave the data of a signed package behind, for whoever looks into why it was refused. */
+static bool leave_data(const VerifiedParts& parts, const Package& package) {
+    if (parts.data != package.path())
+        keep_package_data(parts.data);
+    return false;
 }
 
 /** Verify the package and keep its data part with the text of its record. */
@@ -48,7 +56,7 @@ static bool verify(Package* package, const StoreLocation& location, VelkctlError
     }
     std::optional<std::string> record;
     if (parts.signature && !(record = require_vsf_text(package->app(), *parts.signature, error)))
-        return false;  // and its data stays too
+        return leave_data(parts, *package);
     package->adopt(std::move(parts.data), std::move(record));
     return package->require_unchanged(error);
 }
@@ -131,11 +139,22 @@ class OldRecord {
 
 }  // namespace
 
+std::string import_note(const StoreLocation& location) { return std::string("import-") + location.name; }
+
+// The root's link comes last, and what dies before it leaves an application that the root knows nothing of. A
+// directory that came with a card is not this import's: nothing is unpacked over it.
+static bool note_placing(const std::string& app, const StoreLocation& location, VelkctlError** error) {
+    const bool is_anothers = location.disk && is_filled_directory(store_path(app, &location));
+    return !location.subdir || is_anothers || lockfile_note(import_note(location), error);
+}
+
 /** Put the application into the store; `is_placed` tells whether it is there, also when that then failed. */
 static bool place(Package* package, const StoreLocation& location, bool* is_placed, VelkctlError** error) {
     const std::string& app = package->app();
     if (location.kind == STORE_SD_CARD1 &&
         (!check_card(location, error) || !remove_recursive(store_path(app, &location), error)))
+        return false;
+    if (!note_placing(app, location, error))
         return false;
     const bool laid_out = location.kind == STORE_INTERNAL_VLPFS ? lay_out_layer(*package, location, error)
                                                                 : lay_out_directory(package, location, error);

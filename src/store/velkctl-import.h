@@ -25,6 +25,10 @@
 [[nodiscard]] int velkctl_import(const std::string& path, const StoreLocation* location, std::string* appname,
                                  VelkctlError** error);
 
+/** The note of the lock that says that an import was about to make the application's directory at the
+ * location. */
+[[nodiscard]] std::string import_note(const StoreLocation& location);
+
 /** The same for a package whose manifest was read. */
 [[nodiscard]] bool import_package(Package* package, const StoreLocation& location, VelkctlError** error);
 

@@ -209,6 +209,8 @@ bool verify_package(const Package& package, VerifiedParts* parts, VelkctlError**
     if (!passes && kept_signal() != 0) {
         hand_out_or_delete(judgement.made.data, nullptr);
         judgement.made.data.clear();
+    } else if (!passes && !judgement.made.data.empty()) {
+        keep_package_data(judgement.made.data);
     }
     parts->data = judgement.is_signed ? judgement.made.data : package.path();
     if (passes && judgement.is_signed)

@@ -15,7 +15,7 @@ from dataclasses import dataclass, field
 
 import stepper
 from velkdevice import snapshot
-from store_support import CARD, CARD2, LAYERS, LOCK, STATES, STORE
+from store_support import CARD, CARD2, LAYERS, LOCK, STORE
 from velkdevice.device import Device
 
 LOCATIONS = {"internal": STORE, "sd_card1": CARD, "sd_card2": CARD2, "internal_vlpfs": LAYERS}
@@ -28,19 +28,11 @@ VELKCTL = "/usr/bin/velkctl"
 RANDOM_NAMES = r"s,\(/velkctl_\|/\.filesync-\)[A-Za-z0-9]\{6\},\1??????,"
 
 # What a dead command may leave beside the state before or after it, as the beginning of a view's line: in a word, and
-# why clean cannot do better. These stay for good, harmless, ...
+# why clean cannot do better. These stay for good, harmless.
 TEMPORARY = {
-    # The package is split before the lock is taken, so that nothing tells clean of it; and it looks at the store only.
-    r"/tmp/velkctl_\?{6}\.(sig|vlp) ": "a split package",
-    # The writer's own file, of a name that only the dead writer knew.
-    rf"{STATES}/\.filesync-\?{{6}} ": "a half-written file",
     # Made before the lock is taken; without a lock clean leaves the lock's directory alone.
     rf"{LOCK}_\?{{6}}\.tmp ": "a file of the lock",
-}
-# ... and these until the application is imported again.
-UNTIL_NEXT = {
-    # Clean looks for an application that is being unpacked in the store's root only.
-    rf"({CARD}|{CARD2})/App\.tmp[ /]": "files on the card",
+    rf"{STORE}/_lock/(backup|restore)\.\d+ ": "a file of the lock",
 }
 
 LIBRARY = r"""
@@ -216,9 +208,7 @@ class Scenario:
         if state == "after":
             # An import that is there completely leaves nothing to be cleared; a removal leaves nothing at all.
             return self.leftovers(view, self.after, TEMPORARY)
-        if self.command == "import":
-            return self.leftovers(view, self.before, {**TEMPORARY, **UNTIL_NEXT})
-        return self.leftovers(view, self.before, TEMPORARY) if self.command == "remove" else None
+        return self.leftovers(view, self.before, TEMPORARY) if self.command in ("import", "remove") else None
 
     def judge_repetition(self, trial: Trial, state: str) -> None:
         """The command, given again, succeeds, or says that it has nothing to do; nothing but stray files is left."""

@@ -13,9 +13,9 @@ from pathlib import Path
 
 import pytest
 from apps import installation, uninstallation
-from interruption import FOLDER, VELKCTL, Scenario, left_behind, sample
-from setups import configured, section
-from test_life_interruption import LEFT, WORLD
+from interruption import FOLDER, TEMPORARY, VELKCTL, Scenario, left_behind, sample
+from setups import STORE, configured, section
+from test_life_interruption import WORLD
 from velkdevice import package, snapshot
 from velkdevice.device import Device
 
@@ -30,6 +30,13 @@ wipe_all() {
 } >/dev/null 2>&1
 look_at_all() { look; ls -A /opt/packages/_layers; }
 """
+# What stays where the call that was to take it away is the one that failed.
+LEFT = TEMPORARY | {
+    r"/tmp/velkctl_\?{6}\.(sig|vlp) ": "a split package",
+    r"/(etc|run)/[\w/.-]*/\.filesync-\?{6}(?: |$)": "a half-written file",
+    rf"{STORE}/_backup/App\.(tmp|remove)[ /]": "a copy of the data",
+}
+
 TRIAL = r"""
 fail=$1; shift
 restore >/dev/null 2>&1 || exit 1

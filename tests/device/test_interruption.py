@@ -6,7 +6,7 @@ from collections import Counter
 from collections.abc import Iterator
 
 import pytest
-from interruption import COMMANDS, FOLDER, LOCATIONS, PACKAGE, VELKCTL, Scenario, kinds_of_states, left_behind, sample, summary
+from interruption import COMMANDS, FOLDER, LOCATIONS, PACKAGE, Scenario, kinds_of_states, left_behind, sample, summary
 from store_support import LOCK, allow_unsigned, simple_package
 from velkdevice import snapshot
 from velkdevice.device import Device
@@ -44,11 +44,10 @@ def scenario(machine: Device, command: str, location: str) -> Iterator[Scenario]
 
 # What the deaths leave beside a state, all of it and nothing else.
 LEFT = {
-    "import": {"a split package", "a half-written file", "a file of the lock", "a verification state"},
+    "import": {"a file of the lock"},
     "remove": {"a file of the lock"},
     "clean": set(),
 }
-LEFT_ON_CARDS = {"files on the card"}
 
 # An application that is set up is brought to that state anew for each trial; nothing else knows all that belongs to it.
 SET_UP = r"""
@@ -79,8 +78,7 @@ def test_killed_before_a_change_a_command_is_undone_or_finished_by_clean(
     for trial in scenario.every():
         endings[scenario.judge(trial)] += 1
     left = {name for ending in endings for name in ending.split(" + ")[1:]}
-    on_cards = LEFT_ON_CARDS if scenario.command == "import" and scenario.location.startswith("sd_") else set()
-    assert left == LEFT[scenario.command] | on_cards
+    assert left == LEFT[scenario.command]
     with capsys.disabled():
         print("\n" + summary(f"{scenario.command} {scenario.location}", endings))
 

@@ -17,17 +17,9 @@ import pytest
 from apps import app
 from interruption import FOLDER, TEMPORARY, VELKCTL, Scenario, left_behind, sample, summary
 from setups import section
-from store_support import CARD, LAYERS, SETTINGS, STORE, allow_unsigned
+from store_support import CARD, LAYERS, SETTINGS, allow_unsigned
 from velkdevice import package, snapshot
 from velkdevice.device import Device
-
-# What a death may leave beside a state, and why clean cannot do better.
-LEFT = TEMPORARY | {
-    # The writer's own file, of a name that only the dead writer knew.
-    r"/(etc|run)/[\w/.-]*/\.filesync-\?{6}$": "a half-written file",
-    # A copy of the data that is not complete yet, or not deleted yet: the next backup, or its next deletion, takes it.
-    rf"{STORE}/_backup/App\.(tmp|remove)[ /]": "a copy of the data",
-}
 
 # The application keeps a note and a setting; the backup is looked at by the same names.
 WORLD = r"""
@@ -88,7 +80,6 @@ class Job:
     argv: list[str]
     # Any of these; none at all when nothing is to be kept. The first one is there until the operator restores another.
     data: tuple[str, ...] = ()
-    loses: str = ""  # why an interruption may cost the data after all
     version: int = 1  # that the operator installs where none is left
     repeats: tuple[int, ...] = (0,)  # what the command may answer when it is given again
 
@@ -102,11 +93,9 @@ JOBS = {
                                         [VELKCTL, "install", "App.2.vlp"], ("kept", "old"), version=2),
     # What is uninstalled is to be gone, and what was saved of it.
     "uninstall": Job(f"{INSTALLED} && note kept && velkctl backup App", [VELKCTL, "uninstall", "App"], repeats=(0, 4)),
-    "backup": Job(f"{INSTALLED} && note kept", [VELKCTL, "backup", "App"], ("kept",),
-                  "the lock names the application, so clean takes it away before its data is saved", repeats=(0, 4)),
+    "backup": Job(f"{INSTALLED} && note kept", [VELKCTL, "backup", "App"], ("kept",), repeats=(0, 4)),
     "backup with an older one": Job(f"{INSTALLED} && note old && velkctl backup App && note kept",
-                                    [VELKCTL, "backup", "App"], ("kept", "old"),
-                                    "between two renames neither the older one nor the new one has its name"),
+                                    [VELKCTL, "backup", "App"], ("kept", "old"), repeats=(0, 4)),
     # What is in the application is to be replaced; what was saved is what counts.
     "restore": Job(f"{INSTALLED} && note kept && velkctl backup App && note newer", [VELKCTL, "restore", "App"],
                    ("kept",), repeats=(0, 10)),  # an installation in between has brought it back already
@@ -135,16 +124,14 @@ class Life(Scenario):
         told = where + "\n" + "\n".join(f"--- {name}\n" + "\n".join(lines) for name, lines in seen.items() if name != "repeated")
         assert "lock " in seen["cleaned"], told
         found = next(line.split(" ", 1)[1] for line in seen["recovered"] if line.startswith("data "))
-        if self.job.loses and found == "":
-            return "lost, since " + self.job.loses
         places = [line.split(" ", 1)[1] for line in seen["cleaned"] if not line.startswith("lock ")]
-        assert not self.job.data or self.job.loses or self.job.data[0] in places, told
+        assert not self.job.data or self.job.data[0] in places, told
         assert not self.job.data or found in self.job.data, told
         assert int(seen["again"][-1].split()[1]) in self.job.repeats, told
         # Killed after its last change an installation is complete, and the repeated one is an upgrade.
         is_upgraded = self.command == "install" and any("/_backup " in line for line in seen["repeated"])
         repeated, after = (self.compared(view, is_upgraded) for view in (seen["repeated"], self.after))
-        left = self.leftovers(repeated, after, LEFT)
+        left = self.leftovers(repeated, after, TEMPORARY)
         assert left is not None, told + "\n" + "\n".join(sorted(set(seen["repeated"]) ^ set(self.after)))
         return " + ".join([f"data {found}", *sorted(left)])
 

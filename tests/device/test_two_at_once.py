@@ -2,8 +2,8 @@
 Two velkctl at once, in every pairing of the commands that take the operation lock.
 
 The first stands still under the lock, before its first change there, while the second comes, is refused and changes nothing;
-then the first goes on and ends as it does alone. `clean` and `re-import` are no part of this: neither takes the lock, `clean`
-because it is there to clear it from whoever holds it, `re-import` because it runs before anything else can.
+then the first goes on and ends as it does alone. `clean` comes second only: it clears the lock of whoever died, and is refused
+by who lives. `re-import` is no part of this: it takes no lock, because it runs before anything else can.
 """
 
 from __future__ import annotations
@@ -59,7 +59,7 @@ FIRST: dict[str, tuple[Steps, tuple[str, ...]]] = {
 def seconds(name: str) -> dict[str, tuple[str, ...]]:
     """The commands that come second, for an application of that name."""
     path = f"/run/two/{name}.vlp"
-    return {"import": ("import", path), "install": ("install", path)} | {
+    return {"clean": ("clean",), "import": ("import", path), "install": ("install", path)} | {
         command: (command, name)
         for command in ("remove", "uninstall", "setup", "teardown", "start", "stop", "backup", "restore")
     }

@@ -42,7 +42,7 @@ bool filesync_set_file_contents_with_sync_mode(const char* path, const char* con
     const GStringPtr directory_name(g_path_get_dirname(path));
     const std::string directory = directory_name.get();
     // A short name of its own: the target's name may already be as long as a name can be.
-    std::string temporary = directory + "/.filesync-XXXXXX";
+    std::string temporary = directory + "/" + FILESYNC_TEMPORARY;
     UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd)
         return fail(error, "create", temporary);
