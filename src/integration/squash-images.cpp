@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 #include "base/handles.h"
 #include "base/log.h"
@@ -182,12 +183,22 @@ std::vector<std::string> components(const std::string& relative) {
     return names;
 }
 
+/**
+ * Wait for a renaming that is under way in the directory: it may have looked at the attribute before it was
+ * set. Nothing is renamed by this.
+ */
+void wait_for_renaming(int directory, const std::string& name) {
+    (void)renameat2(directory, name.c_str(), directory, name.c_str(), RENAME_NOREPLACE);
+}
+
 /** The entries on the way to a path, each opened in the one before; shorter where something is no directory
  * or not there. */
 std::vector<UniqueFd> open_way(const AreaDirectory& root, const std::string& relative) {
     std::vector<UniqueFd> way;
     for (const std::string& name : components(relative)) {
-        UniqueFd entry = open_entry(way.empty() ? root.fd() : way.back().get(), name);
+        const int directory = way.empty() ? root.fd() : way.back().get();
+        wait_for_renaming(directory, name);
+        UniqueFd entry = open_entry(directory, name);
         if (!entry)
             break;
         way.push_back(std::move(entry));
