@@ -114,6 +114,7 @@ bool setup_cgi(const WebSetup& web, VelkctlError** error) {
             return false;
     const std::vector<std::string> transfers = cgi_names(web.parsed, CGI_TRANSFER);
     std::vector<std::string> addresses;
+    addresses.reserve(transfers.size());
     for (const std::string& name : transfers)
         addresses.push_back(transfer_address(app, name));
     if (!transfers.empty() && !write_snippet(web, "transfercgi.conf", paths::transfer_snippet(app),
