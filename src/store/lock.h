@@ -3,6 +3,7 @@
 #include <string>
 
 #include "base/velkctl-error.h"
+#include "manifest/names.h"
 
 /*
  * The lock that keeps a second state-changing command away. It is a file whose content tells `velkctl clean`
@@ -10,7 +11,7 @@
  */
 
 /** Lock content of a command that leaves nothing to undo when it dies. */
-inline constexpr const char* NO_CLEAN_ON_FAILURE = "no_clean_on_failure";
+inline constexpr const char* NO_CLEAN_ON_FAILURE = NO_APP_NAME;
 
 /**
  * Take the lock, or take it one level deeper when this process holds it already.
