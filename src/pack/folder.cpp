@@ -10,6 +10,7 @@
 #include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "pack/pack-error.h"
+#include "system/archive.h"
 #include "system/file.h"
 #include "system/tree.h"
 
@@ -105,6 +106,10 @@ JsonPtr Check::load_manifest() {
     if (!holds_file(kManifest)) {
         add(VELKCTL_ERROR_INVALID_MANIFEST, kManifest, "",
             find(kManifest) ? "is no regular file" : "is missing");
+        return nullptr;
+    }
+    if (find(kManifest)->status.st_size > static_cast<off_t>(CONTROL_FILE_LIMIT)) {
+        add(VELKCTL_ERROR_INVALID_PACKAGE, kManifest, "", "is larger than 1 MiB");
         return nullptr;
     }
     json_error_t reason;

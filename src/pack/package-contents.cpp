@@ -10,10 +10,10 @@
 #include "base/handles.h"
 #include "pack/pack-error.h"
 #include "pack/progress.h"
+#include "system/archive.h"
 
 using ArchivePtr = std::unique_ptr<archive, ReleaseWith<archive_read_free>>;
 
-static constexpr size_t kManifestLimit = 16 << 20;
 /** What the list of members may take; a quarter of a million of them with short names. */
 static constexpr size_t kListLimit = 32 << 20;
 static constexpr size_t kListedMember = 128;
@@ -88,9 +88,9 @@ bool read_manifest(archive* reader, Source& source, std::string* text, VelkctlEr
     la_ssize_t got = 0;
     while ((got = archive_read_data(reader, block, sizeof block)) > 0) {
         text->append(block, static_cast<size_t>(got));
-        if (text->size() > kManifestLimit)
+        if (text->size() > CONTROL_FILE_LIMIT)
             return fail_with(error, VELKCTL_ERROR_INVALID_PACKAGE, source.package.path,
-                             "manifest.json: is larger than 16 MiB");
+                             "manifest.json: is larger than 1 MiB");
     }
     return got == 0 || fail_archive(reader, source, error);
 }

@@ -90,7 +90,11 @@ static bool flush_tree(const std::string& path, VelkctlError** error) {
 // An archive may hold several members of that name, and the one that is found first need not be the one that
 // stays; and another package may have taken this one's place since its manifest was read.
 static bool check_manifest(const std::string& directory, const json_t* manifest, VelkctlError** error) {
-    const JsonPtr unpacked(json_load_file((directory + "/" + kControlFiles[0]).c_str(), 0, nullptr));
+    const std::string path = directory + "/" + kControlFiles[0];
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || status.st_size > static_cast<off_t>(CONTROL_FILE_LIMIT))
+        return set_invalid_package(error);
+    const JsonPtr unpacked(json_load_file(path.c_str(), 0, nullptr));
     return (unpacked && json_equal(unpacked.get(), manifest)) || set_invalid_package(error);
 }
 

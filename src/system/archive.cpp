@@ -20,7 +20,6 @@
 #include "system/file.h"
 #include "system/subprocess.h"
 
-static constexpr size_t kMemberLimit = 16 << 20;
 static constexpr int kTarGarbageBehindData = 2;
 static constexpr const char* kTarOptions = "TAR_OPTIONS";
 static constexpr std::string_view kGzipMagic = "\x1f\x8b";
@@ -90,7 +89,7 @@ std::optional<TarResult> run_tar(const std::string& archive, const std::string& 
         return std::nullopt;
     }
     TarResult result;
-    const bool is_whole = read_all(tar->output.get(), &result.output, kMemberLimit);
+    const bool is_whole = read_all(tar->output.get(), &result.output, CONTROL_FILE_LIMIT);
     if (!is_whole)
         kill(tar->pid, SIGKILL);
     int status = 0;

@@ -9,6 +9,12 @@
 /** The last bytes of a signed package: its magic number, big-endian. */
 inline constexpr uint64_t PACKAGE_MAGIC = 0x658D14AB4207AAC6;
 
+/**
+ * More than any control file has. A parsed one takes up to eighty times as much memory, and a few kilobytes
+ * of a package that nobody verified yet unpack to this.
+ */
+inline constexpr size_t CONTROL_FILE_LIMIT = 1 << 20;
+
 /** Whether the file ends in PACKAGE_MAGIC; what cannot be read does not. */
 [[nodiscard]] bool has_package_magic(const std::string& path);
 
@@ -36,7 +42,7 @@ class TarGzip {
  * directory. A member stored with "./" before its name is found too.
  *
  * @param error  code 1 "Invalid application package" when tar cannot give the member, or when it is larger
- * than any control file can be (16 MiB); code 10 "Failed spawning a child process: %s"
+ * than CONTROL_FILE_LIMIT; code 10 "Failed spawning a child process: %s"
  */
 [[nodiscard]] std::optional<std::string> read_tar_member(const std::string& archive,
                                                          const std::string& member, VelkctlError** error);

@@ -402,4 +402,4 @@ def test_a_package_too_large_for_a_device_is_not_signed(here: Path) -> None:
 
 def test_a_manifest_of_any_size_cannot_fill_the_memory(here: Path) -> None:
     made_package(here / "x.vlp", {"manifest.json": b" " * (17 << 20)})
-    assert pack("info", "x.vlp") == Answer(1, "", "velk-pack: x.vlp: manifest.json: is larger than 16 MiB\n")
+    assert pack("info", "x.vlp") == Answer(1, "", "velk-pack: x.vlp: manifest.json: is larger than 1 MiB\n")

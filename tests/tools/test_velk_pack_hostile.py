@@ -117,6 +117,21 @@ def test_a_list_without_end_costs_little(here: Path) -> None:
     assert memory < KIB_OF_MEMORY
 
 
+def manifest_with(size: int) -> bytes:
+    """A manifest of that size that takes as much memory as it can."""
+    text = json.dumps(manifest_of()).encode()
+    return (text[:-1] + b',"x":[' + b"{}," * ((size - len(text) - 10) // 3) + b"0]}").ljust(size)
+
+
+def test_the_largest_manifest_costs_little_and_no_larger_one_is_taken(here: Path, app: Path) -> None:
+    made_package(here / "x.vlp", {"manifest.json": manifest_with(1 << 20)})
+    status, _, memory = measured("info", "x.vlp")
+    assert (status, memory < KIB_OF_MEMORY) == (0, True), memory
+    (app / "manifest.json").write_bytes(manifest_with((1 << 20) + 1))
+    refused = f"velk-pack: {app}/manifest.json: is larger than 1 MiB\n"
+    assert pack("build", app) == Answer(1, "", refused)
+
+
 @pytest.mark.parametrize("control", CONTROLS, ids=lambda control: f"U+{ord(control):04X}")
 def test_nothing_in_a_package_steers_or_misleads(here: Path, control: str) -> None:
     manifest = json.dumps(manifest_of(friendlyName=f"Fine{control}App", version=f"1{control}"), ensure_ascii=False)
