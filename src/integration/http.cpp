@@ -124,14 +124,13 @@ std::set<std::string> listed_files(const ParsedManifest& parsed) {
 /** Gathers the access rules of a web tree while it is walked, and opens its plain files to the web server. */
 class RuleCollector {
   public:
-    RuleCollector(const WebSetup& web, std::string root)
-        : web_(web), root_(std::move(root)), listed_(listed_files(web.parsed)) {}
+    explicit RuleCollector(const WebSetup& web) : web_(web), listed_(listed_files(web.parsed)) {}
 
     bool visit(const TreeEntry& entry, VelkctlError** error) {
         const bool is_file = S_ISREG(entry.status.st_mode);
         if (!entry.is_directory && !is_file)
             return true;
-        const std::string below = entry.path.substr(root_.size());
+        const std::string& below = entry.below;
         if (!check_no_newline(base_name(below), "html", error)) {
             if (error && *error)
                 (*error)->code = VELKCTL_ERROR_GENERAL;
@@ -144,7 +143,7 @@ class RuleCollector {
 
   private:
     bool enter(const TreeEntry& entry, const std::string& below) {
-        way_.resize(static_cast<size_t>(entry.level));
+        way_.resize(entry.level);
         way_.push_back(directories_.size());
         directories_.push_back({paths::web_directory(web_.parsed.appName) + below, {}});
         return true;
@@ -159,7 +158,7 @@ class RuleCollector {
             if (!web_.layer_file_store && !open_to_web_server(entry, below, &vanished, error))
                 return vanished;
         }
-        directories_[way_[static_cast<size_t>(entry.level) - 1]].files.push_back({name, group_of(gid)});
+        directories_[way_[entry.level - 1]].files.push_back({name, group_of(gid)});
         return true;
     }
 
@@ -171,21 +170,19 @@ class RuleCollector {
     bool open_to_web_server(const TreeEntry& entry, const std::string& below, bool* vanished,
                             VelkctlError** error) {
         const std::string path = web_.html.path() + below;
-        const UniqueFd file(open(entry.access_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        const UniqueFd file(openat(entry.directory, entry.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         if (!file && errno == ENOENT) {
             log_warning("Failed to add Apache permission configs for file %s, file does not exist",
                         path.c_str());
             *vanished = true;
             return false;
         }
-        const std::string directory = dir_name(entry.access_path).value_or(".");
-        const UniqueFd parent(open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!file || !parent) {
+        if (!file) {
             SET_GENERAL_ERROR(error, "Failed reading status of file %s: %s", path.c_str(),
                               system_error_text().c_str());
             return false;
         }
-        return set_group_and_mode(parent.get(), dir_name(path).value_or(path), 0754, error) &&
+        return set_group_and_mode(entry.directory, dir_name(path).value_or(path), 0754, error) &&
                set_group_and_mode(file.get(), path, 0640, error);
     }
 
@@ -194,7 +191,6 @@ class RuleCollector {
     }
 
     const WebSetup& web_;
-    std::string root_;
     std::set<std::string> listed_;
     std::vector<WebDirectory> directories_;
     std::vector<size_t>
@@ -202,9 +198,9 @@ class RuleCollector {
 };
 
 bool write_access_rules(const WebSetup& web, VelkctlError** error) {
-    RuleCollector rules(web, web.html.access_path("."));
+    RuleCollector rules(web);
     ErrorSlot refused;
-    const int result = walk_tree(web.html.access_path("."), TreeOrder::DirectoryFirst,
+    const int result = walk_tree(web.html.fd(), {.with_paths = true},
                                  [&](const TreeEntry& entry) { return rules.visit(entry, refused); });
     if (refused.is_set()) {
         refused.move_to(error);
@@ -220,7 +216,7 @@ bool write_access_rules(const WebSetup& web, VelkctlError** error) {
 }
 
 bool open_directories_to_web_server(const WebSetup& web, VelkctlError** error) {
-    const int result = web.layer_file_store ? 0 : set_dir_mode_recursive(web.html.access_path("."));
+    const int result = web.layer_file_store ? 0 : set_dir_mode_recursive(web.html.fd());
     if (result == 0)
         return true;
     SET_GENERAL_ERROR(error, "Failed recursively setting permissions for subdirectories in directory %s: %s",

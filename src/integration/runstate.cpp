@@ -127,8 +127,7 @@ static bool stop_service(const std::string& app, bool* was_running, VelkctlError
     const std::optional<ServiceState> service = take_service(app, &lock, was_running, error);
     if (!service)
         return false;
-    // An application that was not running counts as wanted: it is what the web interface's switch has always
-    // shown.
+    // An application that was not running counts as wanted: the switch of the web interface shows it so.
     if (!service->active)
         return runstate_write(app, true, error);
     return systemctl_stop(service->name, error) && systemctl_disable(service->name, error) &&

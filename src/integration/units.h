@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/velkctl-error.h"
+#include "system/systemctl.h"
 
 /*
  * The texts of an application's units. Each is a pure function from a record; a value that cannot stand in a
@@ -14,8 +15,6 @@
  * nothing.
  */
 
-/** The name of the mount unit of an absolute path: every "/" becomes "-"; nothing else is escaped. */
-[[nodiscard]] std::string mount_unit_name(const std::string& path);
 /** The name of the service that waits for the card of an application. */
 [[nodiscard]] std::string disk_polling_unit_name(const std::string& app);
 
@@ -34,6 +33,9 @@ struct OverlayUnit {
 /** The overlay of an application on the first card. */
 [[nodiscard]] std::optional<std::string> card_overlay_unit_text(const OverlayUnit& unit,
                                                                 VelkctlError** error);
+/** What stands beside that unit so that device nodes on the card are none. */
+[[nodiscard]] std::optional<std::string> card_overlay_drop_in_text(const OverlayUnit& unit,
+                                                                   VelkctlError** error);
 /** The overlay of an application in the layer-file store. */
 [[nodiscard]] std::optional<std::string> layer_overlay_unit_text(const OverlayUnit& unit,
                                                                  VelkctlError** error);

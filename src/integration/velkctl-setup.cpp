@@ -13,6 +13,7 @@
 #include "integration/http.h"
 #include "integration/plugins.h"
 #include "integration/script-policy.h"
+#include "integration/squash-images.h"
 #include "integration/sub-id.h"
 #include "integration/systemd.h"
 #include "integration/users.h"
@@ -101,6 +102,12 @@ bool make_user(Setup* setup, VelkctlError** error) {
            grant_api_access(setup->manifest.get(), parsed, error);
 }
 
+/** Those that a setup which died has fixed: nobody could be made their owner. */
+bool release_images(Setup* setup, VelkctlError** /*error*/) {
+    release_squash_images(setup->manifest.get(), setup->app, setup->location);
+    return true;
+}
+
 bool mount_contents(Setup* setup, VelkctlError** error) {
     return !setup->on_layers() || create_package_contents_mounts(setup->parsed, setup->location,
                                                                  setup->user.user, CONTENTS_FEATURES, error);
@@ -141,19 +148,17 @@ bool make_own_directories(Setup* setup, VelkctlError** error) {
 }
 
 /** The two control files are immutable, so they keep their owner. */
-bool may_stay_unowned(const std::string& path, int reason) {
-    return reason == EPERM && (path.ends_with("/manifest.json") || path.ends_with("/package.conf"));
+bool may_stay_unowned(const std::string& name, int reason) {
+    return reason == EPERM && (name == "manifest.json" || name == "package.conf");
 }
 
 bool own_tree(const Setup& setup, const AreaDirectory& tree, VelkctlError** error) {
-    const std::string root = tree.access_path(".");
     int failed = 0;
-    const int result = walk_tree(root, TreeOrder::DirectoryFirst, [&](const TreeEntry& entry) {
-        if (lchown(entry.access_path.c_str(), setup.uid, setup.admin_gid) == 0 ||
-            may_stay_unowned(entry.path, errno))
+    const int result = walk_tree(tree.fd(), {.with_paths = true}, [&](const TreeEntry& entry) {
+        if (set_entry_owner(entry, setup.uid, setup.admin_gid) || may_stay_unowned(entry.name, errno))
             return true;
         failed = errno;
-        const std::string path = tree.path() + entry.path.substr(root.size());
+        const std::string path = tree.path() + entry.below;
         log_warning("Failed to change owner of %s: %s", path.c_str(), system_error_text(failed).c_str());
         return false;
     });
@@ -208,17 +213,15 @@ bool own_writable_layer(const Setup& setup, VelkctlError** error) {
         return false;
     const std::vector<gid_t> shared = sharing_groups();
     int failed = 0;
-    const int result =
-        walk_tree(layer->access_path("."), TreeOrder::DirectoryFirst, [&](const TreeEntry& entry) {
-            const bool is_shared =
-                std::find(shared.begin(), shared.end(), entry.status.st_gid) != shared.end();
-            const gid_t gid = is_shared ? static_cast<gid_t>(-1) : own_gid;
-            if (entry.status.st_uid == 0 || entry.status.st_uid == setup.uid ||
-                lchown(entry.access_path.c_str(), setup.uid, gid) == 0)
-                return true;
-            failed = errno;
-            return false;
-        });
+    const int result = walk_tree(layer->fd(), {}, [&](const TreeEntry& entry) {
+        const bool is_shared = std::find(shared.begin(), shared.end(), entry.status.st_gid) != shared.end();
+        const gid_t gid = is_shared ? static_cast<gid_t>(-1) : own_gid;
+        if (entry.status.st_uid == 0 || entry.status.st_uid == setup.uid ||
+            set_entry_owner(entry, setup.uid, gid))
+            return true;
+        failed = errno;
+        return false;
+    });
     if (result != 0)
         SET_GENERAL_ERROR(error, "Failed recursively setting ownership of files in %s: %s", root.c_str(),
                           system_error_text(failed != 0 ? failed : result).c_str());
@@ -304,6 +307,7 @@ using Step = bool (*)(Setup*, VelkctlError**);
 // In this order: each step builds on what the ones before it made.
 constexpr Step STEPS[] = {
     make_user,
+    release_images,
     mount_contents,
     require_license,
     validate_with_plugins,
@@ -345,7 +349,7 @@ bool set_up(const std::string& app, SetupOptions options, VelkctlError** error) 
     Setup setup{
         .app = app, .options = options, .location = location, .directory = paths::store_root_path(app)};
     if (!lock_app_not_set_up(app, "setup", &lock, error) || !read_setup_manifest(&setup, error) ||
-        !check_location(setup, error))
+        !check_location(setup, error) || !check_unit_names(app, setup.manifest.get(), location, error))
         return false;
     if (run_steps(&setup, error))
         return true;

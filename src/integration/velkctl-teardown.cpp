@@ -10,6 +10,7 @@
 #include "integration/plugins.h"
 #include "integration/runstate.h"
 #include "integration/script-policy.h"
+#include "integration/squash-images.h"
 #include "integration/sub-id.h"
 #include "integration/systemd.h"
 #include "integration/users.h"
@@ -17,8 +18,8 @@
 #include "manifest/manifest-rules.h"
 #include "manifest/manifest.h"
 #include "manifest/names.h"
+#include "store/application.h"
 #include "store/lock.h"
-#include "store/velkctl-store.h"
 #include "system/key-file.h"
 #include "system/script.h"
 #include "system/systemctl.h"
@@ -27,6 +28,7 @@ namespace {
 
 /** A teardown under way: what is known of the application, and whether every step has worked so far. */
 struct Teardown {
+    Application application;
     const std::string& app;
     std::string directory;
     JsonPtr manifest{};  ///< none when it cannot be read
@@ -47,14 +49,14 @@ bool stop_if_running(const std::string& app, VelkctlError** error) {
     return active && (!*active || velkctl_stop(app, nullptr, error) == 0);
 }
 
-/** Take the lock; the application must be in the store. */
-bool begin(const std::string& app, OperationLock* lock, VelkctlError** error) {
+/** Take the lock and find the application, which must be in the store. */
+std::optional<Application> begin(const std::string& app, OperationLock* lock, VelkctlError** error) {
     if (!lock->take(app, error))
-        return false;
-    ErrorSlot nowhere;
-    if (const StoreLocation* location = find_app_location(app, nowhere))
-        restore_unmounted_link(app, location);
-    return require_app_present(app, error);
+        return std::nullopt;
+    Application application = find_application(app);
+    if (application.location)
+        restore_unmounted_link(app, application.location);
+    return require_app_present(app, error) ? std::optional(std::move(application)) : std::nullopt;
 }
 
 void read_teardown_manifest(Teardown* teardown) {
@@ -114,7 +116,8 @@ void remove_configuration(Teardown* teardown) {
                      error);
     teardown->finish(teardown_http(directory, teardown->app, error), "Failed to teardown http setup", error);
     if (teardown->parsed && teardown->parsed->createDockerSymlinks && holds_container_tools(directory))
-        teardown->finish(remove_container_links(directory, error), "Failed to teardown docker setup", error);
+        teardown->finish(remove_container_links(teardown->app, directory, error),
+                         "Failed to teardown docker setup", error);
 }
 
 /** Remove the user when it is the application's own: its manifest names none, readable otherwise or not. */
@@ -133,7 +136,8 @@ bool remove_dynamic_user(const std::string& app, VelkctlError** error) {
 void remove_user_and_ranges(Teardown* teardown) {
     ErrorSlot error;
     // The ranges go first, since they are found by the user. Ranges that stay behind harm nobody: no failure.
-    if (teardown->parsed && teardown->parsed->containerHost && has_user_of_its_own(*teardown))
+    // Those of a static user were never written by setup.
+    if (teardown->parsed && teardown->parsed->containerHost && teardown->parsed->userIsDynamic)
         teardown->finish(teardown_sub_ids(device_sub_id_files(), teardown->app, error),
                          "Failed to teardown subuid/subgid", error, false);
     teardown->finish(remove_dynamic_user(teardown->app, error), "Failed to teardown user", error);
@@ -141,9 +145,11 @@ void remove_user_and_ranges(Teardown* teardown) {
 
 void remove_units(Teardown* teardown) {
     ErrorSlot error;
-    ErrorSlot nowhere;
-    const StoreLocation* location = find_app_location(teardown->app, nowhere);
+    const StoreLocation* location = teardown->application.location;
     teardown->finish(teardown_systemd(teardown->app, location, error), "Failed to teardown systemd", error);
+    // Nothing of them is mounted any more.
+    if (location && teardown->manifest)
+        release_squash_images(teardown->manifest.get(), teardown->app, location);
 }
 
 void reload_services(Teardown* teardown) {
@@ -155,9 +161,13 @@ void reload_services(Teardown* teardown) {
 
 bool tear_down(const std::string& app, bool reload, bool persist_user, VelkctlError** error) {
     OperationLock lock;
-    if (!is_valid_app_name(app, error) || !stop_if_running(app, error) || !begin(app, &lock, error))
+    if (!is_valid_app_name(app, error) || !stop_if_running(app, error))
         return false;
-    Teardown teardown{.app = app, .directory = paths::store_root_path(app)};
+    std::optional<Application> application = begin(app, &lock, error);
+    if (!application)
+        return false;
+    Teardown teardown{
+        .application = std::move(*application), .app = app, .directory = paths::store_root_path(app)};
     read_teardown_manifest(&teardown);
     take_leave_of_application(&teardown);
     const Uninterrupted shield;  // what is left takes moments, and half of it would be left to somebody

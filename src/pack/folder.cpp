@@ -29,9 +29,10 @@ std::optional<Folder> read_folder(const std::string& name, VelkctlError** error)
         return std::nullopt;
     }
     folder.path = *path;
-    const int result = walk_tree(folder.path, TreeOrder::DirectoryFirst, [&folder](const TreeEntry& entry) {
+    const TreeWalk everything{.enter_mounts = true, .with_paths = true};
+    const int result = walk_tree(folder.path, everything, [&folder](const TreeEntry& entry) {
         if (entry.level > 0)
-            folder.entries.push_back({entry.path.substr(folder.path.size() + 1), entry.path, entry.status});
+            folder.entries.push_back({entry.below.substr(1), folder.path + entry.below, entry.status});
         if (S_ISREG(entry.status.st_mode))
             folder.content_size += static_cast<uint64_t>(entry.status.st_size);
         return true;

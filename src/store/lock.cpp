@@ -140,7 +140,9 @@ void OperationLock::release() {
         lockfile_release();
 }
 
-bool is_set_up(const std::string& app) { return is_regular_file(paths::service_unit_path(app)); }
+bool is_set_up(const std::string& app) {
+    return is_regular_file(paths::service_unit_path(app)) && !owner_of_polling_service(app);
+}
 
 bool lock_app_for_operation(const std::string& app, const char* command, OperationLock* lock,
                             VelkctlError** error) {

@@ -6,6 +6,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/names.h"
+#include "store/application.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
 #include "store/velkctl-vsf.h"
@@ -85,6 +86,20 @@ int velkctl_remove(const std::string& app, VelkctlError** error) {
     const int result = remove_application(app, reason);
     reason.move_to(error);
     return result;
+}
+
+void velkctl_forget(const std::string& app) {
+    const Application application = find_application(app);
+    const std::string link = paths::store_root_path(app);
+    if (application.is_reachable() || !is_symlink(link))
+        return;
+    if (application.location)
+        log_warning("What %s left at %s cannot be reached and stays there", app.c_str(),
+                    application.home().c_str());
+    (void)remove_state(app);
+    ErrorSlot trouble;
+    if (!remove_file(link, trouble))
+        warn_and_clear_error(trouble, nullptr);
 }
 
 /**

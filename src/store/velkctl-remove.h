@@ -17,6 +17,13 @@
 int velkctl_remove(const std::string& app, VelkctlError** error);
 
 /**
+ * Delete what the device itself holds of an application whose files it cannot reach, since their card is out
+ * or they are gone: the root's link and the verification state file. Where the files stay is a warning, and
+ * so is every failure. Any other application is left alone.
+ */
+void velkctl_forget(const std::string& app);
+
+/**
  * Finish a removal that died between moving the application's files aside and deleting the root's link to
  * them.
  *

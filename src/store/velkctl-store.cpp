@@ -14,6 +14,7 @@
 #include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "system/file.h"
+#include "system/systemctl.h"
 #include "system/tree.h"
 
 static constexpr std::array<StoreLocation, 4> kLocations = {{
@@ -94,9 +95,33 @@ bool require_app_present(const std::string& app, VelkctlError** error) {
     return false;
 }
 
+/** Whether the unit of a mount over the root's entry shows what the application has at this location. */
+static bool is_mounted_from(const std::string& unit, const std::string& app, const StoreLocation& location) {
+    return unit.find("\nOptions=lowerdir=" + store_path(app, &location) + "/lower,") != std::string::npos;
+}
+
+const StoreLocation* recorded_location(const std::string& app) {
+    const std::string entry = paths::store_root_path(app);
+    ErrorSlot no_mount;
+    const std::string unit =
+        read_file(std::string(paths::kSystemdUnits) + "/" + mount_unit_name(entry), no_mount).value_or("");
+    for (const StoreLocation& location : kLocations)
+        if (location.subdir && (is_symlink_target_equal_to(entry, location_link_target(app, &location)) ||
+                                is_mounted_from(unit, app, location)))
+            return &location;
+    return is_directory_no_follow(entry) ? default_location() : nullptr;
+}
+
+static bool is_kept_at(const std::string& app, const StoreLocation& location) {
+    return is_directory_no_follow(store_path(app, &location));
+}
+
 const StoreLocation* find_app_location(const std::string& app, VelkctlError** error) {
+    const StoreLocation* recorded = recorded_location(app);
+    if (recorded && is_kept_at(app, *recorded))
+        return recorded;
     for (const StoreKind kind : kSearchOrder)
-        if (is_directory_no_follow(store_path(app, &kLocations[kind])))
+        if (!recorded && is_kept_at(app, kLocations[kind]))
             return &kLocations[kind];
     set_not_found(app, error);
     return nullptr;
@@ -161,7 +186,9 @@ bool has_manifest(const std::string& path) {
     return load_manifest(path, not_readable) != nullptr;
 }
 
-bool is_legacy_app(const std::string& path) {
+bool holds_package_conf(const std::string& path) {
     ErrorSlot not_there;
-    return path_exists(path + "/package.conf", not_there) && !has_manifest(path);
+    return path_exists(path + "/package.conf", not_there);
 }
+
+bool is_legacy_app(const std::string& path) { return holds_package_conf(path) && !has_manifest(path); }

@@ -72,10 +72,19 @@ void clear_staging(const std::string& path);
 [[nodiscard]] bool require_app_present(const std::string& app, VelkctlError** error);
 
 /**
- * Where the application's files are. The other locations come before the internal one, and only a real
- * directory counts, so that an application on a card is not taken for its link in the root.
+ * Where this device itself says that the application is kept, whether or not its card is in the slot: where
+ * the root's link leads, what setup's units mount over the root's entry, or else the root when it holds a
+ * directory. Null when there is nothing that says so.
  *
- * @param error  code 4 "Application not found in store: %s"
+ * What lies on a card does not count: a card comes from anywhere, and may hold a directory of any name.
+ */
+[[nodiscard]] const StoreLocation* recorded_location(const std::string& app);
+
+/**
+ * Where the application's files are: at its recorded location. Of an application without one, as an import
+ * that died leaves it, the other locations come before the internal one, and only a real directory counts.
+ *
+ * @param error  code 4 "Application not found in store: %s", also when the card of its location is out
  * @return null when it is nowhere
  */
 [[nodiscard]] const StoreLocation* find_app_location(const std::string& app, VelkctlError** error);
@@ -105,6 +114,9 @@ using PathFilter = std::function<bool(const std::string& path)>;
 
 /** Filter: a manifest can be read from the directory. */
 [[nodiscard]] bool has_manifest(const std::string& path);
+
+/** Filter: there is a package.conf. */
+[[nodiscard]] bool holds_package_conf(const std::string& path);
 
 /** Filter: no manifest can be read, but there is a package.conf: an application of the older package form. */
 [[nodiscard]] bool is_legacy_app(const std::string& path);

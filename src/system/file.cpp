@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <glib.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -240,6 +242,50 @@ bool remove_immutable(const std::string& path, VelkctlError** error) {
         return true;
     SET_GENERAL_ERROR(error, "Failed to remove %s: %s", path.c_str(), system_error_text().c_str());
     return false;
+}
+
+static bool unlink_at(int directory, const std::string& name) {
+    if (unlinkat(directory, name.c_str(), 0) == 0)
+        return true;
+    const bool is_directory = errno == EISDIR;
+    return (is_directory && unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0) || errno == ENOENT;
+}
+
+bool clear_attributes(int fd) {
+    constexpr int forbidding = FS_IMMUTABLE_FL | FS_APPEND_FL;
+    int flags = 0;
+    if (ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 || (flags & forbidding) == 0)
+        return false;
+    flags &= ~forbidding;
+    return ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+}
+
+/** Clear the attributes of a file or directory; anything else is not even opened, since that may do
+ * something. */
+static void clear_attributes_at(int directory, const std::string& name) {
+    const UniqueFd found(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!found || fstat(found.get(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)))
+        return;
+    const std::string same = std::string(paths::kOwnDescriptors) + "/" + std::to_string(found.get());
+    const UniqueFd opened(open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (opened)
+        (void)clear_attributes(opened.get());
+}
+
+bool remove_at(int directory, const std::string& name) {
+    if (unlink_at(directory, name))
+        return true;
+    if (errno != EPERM)
+        return false;
+    clear_attributes_at(directory, name);
+    return unlink_at(directory, name);
+}
+
+std::string path_of_descriptor(int fd) {
+    const std::string link = std::string(paths::kOwnDescriptors) + "/" + std::to_string(fd);
+    const GStringPtr path(g_file_read_link(link.c_str(), nullptr));
+    return path ? path.get() : "?";
 }
 
 static bool fail_to_create(const std::string& path, VelkctlError** error) {

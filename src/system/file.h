@@ -97,6 +97,16 @@
 [[nodiscard]] bool remove_empty_dir(const std::string& path, VelkctlError** error);
 /** Remove a link, or else an empty directory. */
 [[nodiscard]] bool remove_link_or_empty_dir(const std::string& path, VelkctlError** error);
+/**
+ * Remove the entry `name` of an open directory, whatever it is; an absent one counts as success. Where its
+ * own attribute forbids that, it is cleared on the very file or directory that was found, no link followed.
+ * errno tells of a failure.
+ */
+[[nodiscard]] bool remove_at(int directory, const std::string& name);
+/** Clear the attributes that forbid changes of an open file or directory; false when there was none. */
+[[nodiscard]] bool clear_attributes(int fd);
+/** The path that an open file or directory has at this moment, or "?". For messages. */
+[[nodiscard]] std::string path_of_descriptor(int fd);
 /** Clear the immutable attribute, then remove. "Failed to remove %s: %s". */
 [[nodiscard]] bool remove_immutable(const std::string& path, VelkctlError** error);
 

@@ -1,5 +1,6 @@
 #include "system/mounts.h"
 
+#include <fcntl.h>
 #include <mntent.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -70,6 +71,22 @@ static std::optional<std::string> option_value(std::string_view options, std::st
     return std::nullopt;
 }
 
+/** Remove what lies at `relative` below a directory of the system's own, following no link on the way. */
+static bool remove_below(const std::string& directory, const std::string& relative, VelkctlError** error) {
+    UniqueFd here(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    size_t begin = 0;
+    for (size_t end; here && (end = relative.find('/', begin)) != std::string::npos; begin = end + 1)
+        here = UniqueFd(openat(here.get(), relative.substr(begin, end - begin).c_str(),
+                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    const std::string name = relative.substr(begin);
+    if (here && fstatat(here.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        remove_at(here.get(), name))
+        return true;
+    return FAIL_GENERAL(error, "Failed to remove %s/%s: %s", directory.c_str(), relative.c_str(),
+                        system_error_text().c_str());
+}
+
 bool remove_through_overlay(const std::string& path, const std::string& mount_table, VelkctlError** error) {
     const std::optional<MountEntry> mount = find_overlay_of(path, mount_table, error);
     if (!mount)
@@ -95,7 +112,7 @@ bool remove_through_overlay(const std::string& path, const std::string& mount_ta
                           mount->directory.c_str());
         return false;
     }
-    return remove_immutable(*upper + path.substr(base.size()), error);
+    return remove_below(*upper, path.substr(base.size() + 1), error);
 }
 
 UniqueFd open_overlay(const std::string& upper, const std::string& lower, VelkctlError** error) {

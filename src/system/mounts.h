@@ -30,12 +30,12 @@ using MountKey = std::variant<std::string, dev_t>;
                                                          VelkctlError** error);
 
 /**
- * Remove a file that lies on an overlay whose lower layer is read-only, by removing it from the upper layer.
+ * Remove a file that lies on an overlay whose lower layer is read-only, by removing it from the upper layer,
+ * where no link is followed.
  *
  * When no mount entry has the file's device, the overlay is assumed to be the one on /usr.
  *
- * @param error  code 10: the file's or the mount's text ("Failed to remove %s: ..."), or that of
- * remove_immutable
+ * @param error  code 10: the file's or the mount's text ("Failed to remove %s: ...")
  */
 [[nodiscard]] bool remove_through_overlay(const std::string& path, const std::string& mount_table,
                                           VelkctlError** error);

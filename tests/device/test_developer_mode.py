@@ -9,12 +9,14 @@ from typing import Any
 
 import pytest
 from apps import example
+from setups import changed
 from store_support import allow_unsigned
 from velkdevice import package
 from velkdevice.device import Device
 
 STORE = "/usr/local/packages"
 STATES = "/etc/velk/vsf"
+INFO = "/etc/orvo/device-info"
 BAD_STATE = "The installed Developer Mode app is in a bad state: "
 NOT_IN_MODE = "code 2: device is not in developer mode\n"
 
@@ -24,7 +26,7 @@ class Developer:
 
     def __init__(self, device: Device) -> None:
         self.device = device
-        info = device.read("/etc/orvo/device-info")
+        info = device.read(INFO)
         found = re.search(r"^SerialNumber=(.*)$", info, re.MULTILINE)
         assert found
         self.serial = found[1]
@@ -42,7 +44,7 @@ class Developer:
 
     def mode(self, signed: bool = True, **fields: Any) -> None:
         """Put the developer-mode application in; a field that is None is left out."""
-        given = {"vendorId": "TESTS", "deviceSerialNumber": self.serial.swapcase(), **fields}
+        given = {"vendorId": "TESTS", "deviceSerialNumber": self.serial, **fields}
         self.device.sh('rm -f "$1"', f"{STATES}/developer_mode").check()
         self.app("developer_mode", signed, {key: value for key, value in given.items() if value is not None})
 
@@ -67,6 +69,10 @@ def developer(pristine: Device) -> Iterator[Developer]:
 
 def test_an_application_of_the_vendor_is_let_in_whatever_the_letter_case(developer: Developer) -> None:
     assert developer.validate() == (0, "", "")
+    info = developer.device.read(INFO)
+    with changed(developer.device, INFO, info.replace(developer.serial, "0200000000AB")):
+        developer.mode(deviceSerialNumber="0200000000ab")
+        assert developer.validate() == (0, "", "")
 
 
 def test_a_signed_application_needs_no_developer_mode(developer: Developer) -> None:
@@ -192,9 +198,9 @@ def test_made_for_another_device_it_is_not_installed(
     example_mode: Device, put_package: Callable[..., str]
 ) -> None:
     files = example("developer_mode")
-    files["manifest.json"]["velkPackageConf"]["developerMode"]["deviceSerialNumber"] = "ACCC8E000002"
+    files["manifest.json"]["velkPackageConf"]["developerMode"]["deviceSerialNumber"] = "020000000002"
     result = example_mode.velkctl("install", put_package(example_mode, files))
-    text = "code 51: Device serial number 'ACCC8E000001' does not match manifest serial number 'ACCC8E000002'\n"
+    text = "code 51: Device serial number '020000000001' does not match manifest serial number '020000000002'\n"
     assert (result.status, result.stderr) == (51, text)
     assert example_mode.sh(f"ls -A {STORE}").stdout.split().count("developer_mode") == 0
 

@@ -515,7 +515,7 @@ def users(device: Device, method: str, *arguments: str, user: str | None = None)
 
 
 def test_device_information_comes_from_the_readable_file(pristine: Device) -> None:
-    both = "({'Version': '11.8.64', 'SerialNumber': 'ACCC8E000001'},)"
+    both = "({'Version': '11.8.64', 'SerialNumber': '020000000001'},)"
     assert info(pristine, "['Version', 'SerialNumber']") == both
     assert info(pristine, "['Version', 'Weight']", user="nobody") == "({'Version': '11.8.64'},)"
     assert info(pristine, "@as []") == "(@a{ss} {},)"

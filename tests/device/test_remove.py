@@ -292,11 +292,15 @@ def test_what_cannot_be_removed_is_reported_and_cleared_by_the_next(
 def test_a_link_that_became_a_directory_is_removed_with_a_failure(
     device: Device, run_import: Import, card: Callable[..., None]
 ) -> None:
-    card("SD_DISK2")
-    assert run_import(support.simple_package(), "sd_card2")[0] == 0
+    """As long as the unit of its mount tells that the application is on the card."""
+    card("SD_DISK")
+    assert run_import(support.simple_package(), "sd_card1")[0] == 0
+    unit = "/etc/systemd/system/usr-local-packages-App.mount"
+    device.write(unit, f"[Mount]\nOptions=lowerdir={CARD}/App/lower,upperdir={CARD}/App/upper\n")
     device.sh(f"rm {STORE}/App && mkdir {STORE}/App && touch {STORE}/App/x").check()
-    message = f"code 10: src/system/file.cpp:N: Failed removing {STORE}/App: Is a directory\n"
-    assert remove(device) == (10, message)
+    outcome = remove(device)
+    device.sh(f"rm {unit}").check()
+    assert outcome == (10, f"code 10: src/system/file.cpp:N: Failed removing {STORE}/App: Is a directory\n")
     nothing_left(device)
 
 

@@ -121,8 +121,19 @@ TEST_F(OverlayFile, ThatIsADanglingLinkIsFoundByItsOwnDevice) {
     const std::string mounts = mounted("overlay", "upperdir=" + (directory / "upper"));
     // The overlay is found, although the link leads nowhere; there is just no copy in the upper layer.
     EXPECT_FALSE(remove_through_overlay(directory / "merged/sub/link", mounts, error));
-    EXPECT_EQ(describe(error), "10 src/system/file.cpp:N: Failed to set mutable attribute of " +
-                                   (directory / "upper/sub/link") + " to mutable");
+    EXPECT_EQ(describe(error), mount_error("Failed to remove " + (directory / "upper/sub/link") +
+                                           ": No such file or directory"));
+}
+
+TEST_F(OverlayFile, BehindALinkInTheUpperLayerIsLeft) {
+    fs::create_directories(directory / "outside");
+    test::write_text(directory / "outside/file", "");
+    fs::remove_all(directory / "upper/sub");
+    fs::create_symlink(directory / "outside", directory / "upper/sub");
+    const std::string mounts = mounted("overlay", "upperdir=" + (directory / "upper"));
+    EXPECT_FALSE(remove_through_overlay(file, mounts, error));
+    EXPECT_EQ(describe(error), mount_error("Failed to remove " + upper_file + ": Not a directory"));
+    EXPECT_TRUE(test::name_exists(directory / "outside/file"));
 }
 
 TEST_F(OverlayFile, ThatIsAbsentHasNoDevice) {
