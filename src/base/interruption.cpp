@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -55,8 +56,9 @@ static ssize_t read_children(pid_t pid, char* text, size_t size) {
     char number[16] = "";
     *std::to_chars(number, std::end(number), pid).ptr = '\0';
     const char* const parts[] = {paths::kProcesses, "/", number, "/task/", number, "/children"};
+    char* next = path;
     for (const char* part : parts)
-        std::strcat(path, part);
+        next = std::copy_n(part, std::strlen(part), next);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     const ssize_t length = fd < 0 ? -1 : read(fd, text, size);
     if (fd >= 0)
