@@ -1,14 +1,21 @@
 #include "base/interruption.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "base/log.h"
+#include "base/paths.h"
 
 static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 /** When a second signal is somebody's who will not wait. Sooner it is the first one's other half: several are
@@ -17,12 +24,15 @@ static constexpr int64_t kImpatientFrom = 200;
 static constexpr int64_t kImpatientTo = 1000;
 /** Of a program that ends of a signal after having caught it, by the shells' rule. */
 static constexpr int kEndedBySignal = 128;
+/** Of processes that are looked for: a shell, what changes the user, its shell, a program, and its helper. */
+static constexpr int kGenerations = 6;
 
 // Of the handler, which any thread of a library may run.
 static std::atomic<int> kept = 0;
 static std::atomic<bool> has_failed_a_step = false;
 static std::atomic<int> uninterrupted_levels = 0;
 static std::atomic<pid_t> child_at_work = 0;
+static std::atomic<bool> child_is_shell = false;
 static std::atomic<int64_t> last_time = 0;
 
 static bool is_shielded() { return has_failed_a_step || uninterrupted_levels > 0; }
@@ -40,12 +50,45 @@ static void end_by(int number) {
     raise(number);
 }
 
+/** The children of a process as the kernel lists them; only with calls that a handler may make. */
+static ssize_t read_children(pid_t pid, char* text, size_t size) {
+    char path[64] = "";
+    char number[16] = "";
+    *std::to_chars(number, std::end(number), pid).ptr = '\0';
+    const char* const parts[] = {paths::kProcesses, "/", number, "/task/", number, "/children"};
+    char* next = path;
+    for (const char* part : parts)
+        next = std::copy_n(part, std::strlen(part), next);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    const ssize_t length = fd < 0 ? -1 : read(fd, text, size);
+    if (fd >= 0)
+        close(fd);
+    return length;
+}
+
 // Not the signal itself: some of what is started does not listen to all of them, and to this one all of it
-// does.
+// does. A shell is to wait for what it runs, which would else work on while its work is taken back.
+static void ask_to_end(pid_t pid, bool is_shell, int depth) {
+    char text[1024];
+    const ssize_t length = depth > 0 ? read_children(pid, text, sizeof text) : 0;
+    const char* const end = text + (length > 0 ? length : 0);
+    bool has_children = false;
+    for (const char* next = text; next < end; next++) {
+        pid_t child = 0;
+        next = std::from_chars(next, end, child).ptr;
+        if (child <= 0)
+            continue;
+        has_children = true;
+        ask_to_end(child, false, depth - 1);
+    }
+    if (!is_shell || !has_children)
+        kill(pid, SIGTERM);
+}
+
 static void ask_child_to_end() {
     const pid_t child = child_at_work;
     if (child > 0 && interruption_requested())
-        kill(child, SIGTERM);
+        ask_to_end(child, child_is_shell, kGenerations);
 }
 
 static void keep(int number) {
@@ -92,7 +135,8 @@ bool fail_when_interrupted(VelkctlError** error) {
     return true;
 }
 
-void pass_on_to(pid_t child) {
+void pass_on_to(pid_t child, bool is_shell) {
+    child_is_shell = is_shell;
     child_at_work = child;
     ask_child_to_end();  // for one that came while the child was being started
 }

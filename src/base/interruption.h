@@ -34,8 +34,8 @@ void hold_interruptions();
 /** The signal that was kept, 0 for none. */
 [[nodiscard]] int kept_signal();
 
-/** From now on the child is asked to end, too. */
-void pass_on_to(pid_t child);
+/** From now on the child is asked to end, too, with all that it has started; of a shell only what it runs. */
+void pass_on_to(pid_t child, bool is_shell);
 /** No child is any more. */
 void stop_passing_on();
 /** The same for a step that was a child, which ended so: when it ended of being asked to. */

@@ -173,7 +173,9 @@ static void interrupt(pid_t pid) {
     std::vector<pid_t> reached;
     signal_tree(pid, kept_signal(), &reached);
     await_death(reached);
-    kill_process_tree(pid);
+    for (const pid_t stayed : reached)  // whatever has become of its parent
+        if (is_alive(stayed))
+            kill_process_tree(stayed);
 }
 
 /** Wait for the child, killing it and its descendants when it takes too long. */

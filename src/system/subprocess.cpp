@@ -138,7 +138,7 @@ std::optional<StartedProgram> start_program(const std::vector<std::string>& argu
                                   static_cast<GSpawnFlags>(spawn_flags() | flags), nullptr, nullptr, &pid,
                                   nullptr, has_output ? &output : nullptr, nullptr, reason->out()))
         return std::nullopt;
-    pass_on_to(pid);
+    pass_on_to(pid, arguments.front() == paths::kShell);
     return StartedProgram{pid, UniqueFd(output)};
 }
 

@@ -8,13 +8,10 @@ is there when it is done, or what the operator's next command finishes.
 from __future__ import annotations
 
 import signal
-import subprocess
 from dataclasses import dataclass, field
 
 import pytest
-from apps import LOCK, app, installation, is_locked, stored
 from interruption import sample
-from setups import Put, changed, outside
 from test_failing_calls import JOBS, WIPE, Failing, machine  # noqa: F401  (the fixture)
 from test_life_interruption import WORLD
 from velkdevice.device import Device

@@ -122,7 +122,7 @@ TEST(Interruption, EndsTheChildAtWorkWheneverItComes) {
             const pid_t pid = sleeper();
             if (before)
                 raise(SIGINT);
-            pass_on_to(pid);
+            pass_on_to(pid, false);
             if (!before)
                 raise(SIGINT);
             int status = 0;
@@ -133,12 +133,36 @@ TEST(Interruption, EndsTheChildAtWorkWheneverItComes) {
     }
 }
 
+TEST(Interruption, EndsWhatAShellRunsAndNotTheShell) {
+    const test::ChildResult result = run_child([] {
+        hold_interruptions();
+        int ends[2] = {-1, -1};
+        if (pipe(ends) != 0)
+            return;
+        std::signal(SIGTERM, SIG_DFL);
+        const pid_t shell = fork();
+        if (shell == 0) {
+            const pid_t program = sleeper();
+            (void)write_all(ends[1], "x");
+            int status = 0;
+            _exit(wait_for_child(program, &status) && WIFSIGNALED(status) ? 128 + WTERMSIG(status) : 1);
+        }
+        char byte = 0;
+        print(read(ends[0], &byte, 1) == 1 ? "running" : "not running");
+        pass_on_to(shell, true);
+        raise(SIGINT);
+        int status = 0;
+        print(wait_for_child(shell, &status) ? std::to_string(WEXITSTATUS(status)) : "unknown");
+    });
+    EXPECT_EQ(result.output, "running\n143\n");
+}
+
 TEST(Interruption, LeavesAChildAloneThatMustFinish) {
     const test::ChildResult result = run_child([] {
         hold_interruptions();
         const Uninterrupted shield;
         const pid_t pid = sleeper();
-        pass_on_to(pid);
+        pass_on_to(pid, false);
         raise(SIGINT);
         int status = 0;
         print(waitpid(pid, &status, WNOHANG) == 0 ? "at work" : "ended");
