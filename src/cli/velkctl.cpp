@@ -1,21 +1,31 @@
 #include <getopt.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "base/caller.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "cli/command.h"
 #include "cli/commands.h"
 
 namespace {
 
+/** What a signal that asks to end does to a command. */
+enum class WhenInterrupted {
+    Ends,
+    Fails,     ///< it takes back what it did, and ends then
+    Finishes,  ///< it ends when it is done
+};
+
 struct Command {
     const char* name;
     int (*run)(int argc, char** argv);
     const char* help;  ///< its lines in the main help; null keeps it out
+    WhenInterrupted when_interrupted = WhenInterrupted::Ends;
 };
 
 int cmd_help(int argc, char** argv);
@@ -23,33 +33,40 @@ int cmd_help(int argc, char** argv);
 #define INDENT "                         "
 
 const Command kCommands[] = {
-    {"backup", cmd_backup, "Backup configuration and data of an VELK\n" INDENT "application"},
+    {"backup", cmd_backup, "Backup configuration and data of an VELK\n" INDENT "application",
+     WhenInterrupted::Fails},
     {"clean", cmd_clean,
-     "Clean up after an interrupted command to bring\n" INDENT "the system back to a good state"},
+     "Clean up after an interrupted command to bring\n" INDENT "the system back to a good state",
+     WhenInterrupted::Finishes},
     {"firmware-compatibility", cmd_firmware_compatibility,
      "Check installed apps for incompatibility with a\n" INDENT
      "given firmware version, returning a JSON object"},
     {"help", cmd_help, "Show this help"},
-    {"import", cmd_import, "Import an VELK application to the content store"},
-    {"install", cmd_install, "Install an VELK application"},
+    {"import", cmd_import, "Import an VELK application to the content store", WhenInterrupted::Fails},
+    {"install", cmd_install, "Install an VELK application", WhenInterrupted::Fails},
     {"json-validate", cmd_json_validate, "Validate a JSON document against a JSON schema"},
     {"list", cmd_list, "List information regarding installed VELK\n" INDENT "applications"},
     // Serves the applications' own scripts, not people.
     {"package-conf", cmd_package_conf, nullptr},
     {"re-import", cmd_re_import,
-     "Restores links from vlp mount to application                          store"},
-    {"remove", cmd_remove, "Remove an imported VELK application from the\n" INDENT "content store"},
-    {"restore", cmd_restore, "Restore configuration and data of an VELK\n" INDENT "application from backup"},
-    {"setup", cmd_setup, "Setup an VELK application to be able to run on\n" INDENT "the system"},
-    {"start", cmd_start, "Start an VELK application"},
-    {"stop", cmd_stop, "Stop an VELK application"},
-    {"teardown", cmd_teardown, "Revert all setup performed during setup of the\n" INDENT "application"},
-    {"uninstall", cmd_uninstall, "Uninstall an VELK application"},
+     "Restores links from vlp mount to application                          store", WhenInterrupted::Fails},
+    {"remove", cmd_remove, "Remove an imported VELK application from the\n" INDENT "content store",
+     WhenInterrupted::Fails},
+    {"restore", cmd_restore, "Restore configuration and data of an VELK\n" INDENT "application from backup",
+     WhenInterrupted::Fails},
+    {"setup", cmd_setup, "Setup an VELK application to be able to run on\n" INDENT "the system",
+     WhenInterrupted::Fails},
+    {"start", cmd_start, "Start an VELK application", WhenInterrupted::Fails},
+    {"stop", cmd_stop, "Stop an VELK application", WhenInterrupted::Fails},
+    {"teardown", cmd_teardown, "Revert all setup performed during setup of the\n" INDENT "application",
+     WhenInterrupted::Fails},
+    {"uninstall", cmd_uninstall, "Uninstall an VELK application", WhenInterrupted::Fails},
     {"validate-manifest", cmd_validate_manifest,
      "Validate if the app is signed or if the app's\n"
      "                       manifest matches vendorId and schema(s) of an\n"
      "                       installed Developer Mode application"},
-    {"verify-signature", cmd_verify_signature, "Verify the signature of an VELK application"},
+    {"verify-signature", cmd_verify_signature, "Verify the signature of an VELK application",
+     WhenInterrupted::Fails},
     {"verify-user-group", cmd_verify_user_group,
      "Verify the user and group of an VELK\n" INDENT "application"},
 };
@@ -82,10 +99,20 @@ int print_version(int argc, char** argv) {
     return EXIT_SUCCESS;
 }
 
+int carry_out(const Command& command, int argc, char** argv) {
+    if (command.when_interrupted == WhenInterrupted::Ends)
+        return command.run(argc, argv);
+    hold_interruptions();
+    const std::optional<Uninterrupted> shield = command.when_interrupted == WhenInterrupted::Finishes
+                                                    ? std::optional<Uninterrupted>(std::in_place)
+                                                    : std::nullopt;
+    return command.run(argc, argv);
+}
+
 int run_command_named(const char* name, int argc, char** argv) {
     for (const Command& command : kCommands)
         if (std::strcmp(command.name, name) == 0)
-            return command.run(argc, argv);
+            return carry_out(command, argc, argv);
     _log_error_code(VELKCTL_ERROR_GENERAL, "Unknown command '%s'", name);
     print_help();
     return EXIT_USAGE;
@@ -123,15 +150,14 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader of the log that goes away must not end a command half-way. It is a handler, since whatever is
-    // started would inherit that the signal is ignored.
-    std::signal(SIGPIPE, [](int) {});
+    put_caller_right();
     const int status = run(argc, argv);
     // An answer that could not be written, on a full disk for instance, must not look like one.
-    if ((std::ferror(stdout) != 0 || std::fflush(stdout) != 0) && status == EXIT_SUCCESS) {
+    const int reason = finish_standard_output();
+    const bool is_lost = reason != 0 && status == EXIT_SUCCESS;
+    if (is_lost)
         _log_error_code(VELKCTL_ERROR_GENERAL, "%s:%d: Failed writing to standard output: %s", __FILE__,
-                        __LINE__, system_error_text().c_str());
-        return VELKCTL_ERROR_GENERAL;
-    }
-    return status;
+                        __LINE__, system_error_text(reason).c_str());
+    carry_out_interruption();
+    return is_lost ? VELKCTL_ERROR_GENERAL : status;
 }

@@ -1,7 +1,11 @@
 #include "integration/cfgtree.h"
 
+#include <sys/mman.h>
+
+#include "base/descriptors.h"
 #include "base/paths.h"
 #include "integration/dbus-policy.h"
+#include "integration/own-files.h"
 #include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "platform/libcfgtree.h"
@@ -14,7 +18,7 @@
 
 namespace {
 
-constexpr size_t LONGEST_NAME = 32;
+constexpr size_t LONGEST_DEFINITION = 1 << 20;
 
 const json_t* parameter_list(const json_t* manifest) {
     return manifest_object(manifest, nullptr, {"velkPackageConf", "configuration", "paramConfig"});
@@ -24,13 +28,13 @@ std::string values_name(const std::string& app) { return app + ".conf"; }
 std::string group_name(const std::string& app) { return "param_" + app + ".conf"; }
 
 bool check_parameter_name(const std::string& name, VelkctlError** error) {
-    if (name.empty() || name.size() > LONGEST_NAME) {
+    if (name.empty() || name.size() > LONGEST_PARAMETER_NAME) {
         velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST,
                           "Parameter name must contain between 1 and 32 characters.");
         return false;
     }
     ErrorSlot mismatch;
-    if (check_regex("^[A-Za-z][A-Za-z0-9_]*$", name, mismatch))
+    if (check_regex(PARAMETER_NAME_PATTERN, name, mismatch))
         return true;
     if (mismatch.is_set())
         mismatch.move_to(error);
@@ -88,14 +92,20 @@ bool give_parameter_files(const ParameterJob& job, VelkctlError** error) {
     return true;
 }
 
-bool load_group(const std::string& app, VelkctlError** error) {
+/**
+ * Load the group that the text defines. The library reads by path, and the file at the link is the
+ * application's, which may exchange it at any moment: what was checked is handed over as a file that nobody
+ * else has.
+ */
+bool load_group(const std::string& app, const std::string& text, VelkctlError** error) {
     const std::string link = paths::parameter_group_link(app);
-    bool failed = false;
-    legacy_cli_resetOptions();
-    cli_readGroupFile(link.c_str(), &failed);
-    if (failed)
-        SET_GENERAL_ERROR(error, "Failed loading parameter configuration file: %s", link.c_str());
-    return !failed;
+    const AreaFile copy(UniqueFd(memfd_create("parameters", MFD_CLOEXEC)), link);
+    bool failed = !defines_own_group(app, text) || !write_all(copy.fd(), text);
+    if (!failed) {
+        legacy_cli_resetOptions();
+        cli_readGroupFile(copy.access_path().c_str(), &failed);
+    }
+    return !failed || FAIL_GENERAL(error, "Failed loading parameter configuration file: %s", link.c_str());
 }
 
 bool publish_parameters(const ParameterJob& job, VelkctlError** error) {
@@ -104,7 +114,8 @@ bool publish_parameters(const ParameterJob& job, VelkctlError** error) {
            make_symlink(job.conf.path_of(values_name(job.app)), paths::parameter_values_link(job.app),
                         error) &&
            make_symlink(job.conf.path_of(group_name(job.app)), paths::parameter_group_link(job.app), error) &&
-           dbus_reload_config(error) && load_group(job.app, error);
+           dbus_reload_config(error) &&
+           load_group(job.app, parameter_group_text(job.app, job.group, job.parameters), error);
 }
 
 bool delete_group(const std::string& app, VelkctlError** error) {
@@ -117,13 +128,6 @@ bool delete_group(const std::string& app, VelkctlError** error) {
 }
 
 }  // namespace
-
-std::string parameter_group_name(const std::string& app) {
-    std::string group = app;
-    if (!group.empty())
-        group[0] = g_ascii_toupper(group[0]);
-    return group;
-}
 
 std::optional<std::vector<Parameter>> read_parameters(const json_t* manifest, VelkctlError** error) {
     const json_t* list = parameter_list(manifest);
@@ -140,28 +144,6 @@ std::optional<std::vector<Parameter>> read_parameters(const json_t* manifest, Ve
         parameters.push_back(std::move(*parameter));
     }
     return parameters;
-}
-
-std::string parameter_values_text(const std::string& app, const std::vector<Parameter>& parameters) {
-    std::string text = "[" + parameter_group_name(app) + "]\n";
-    for (const Parameter& parameter : parameters)
-        text += parameter.name + "=\"" + parameter.default_value + "\"\n";
-    return text;
-}
-
-std::string parameter_group_text(const std::string& app, const std::string& group,
-                                 const std::vector<Parameter>& parameters) {
-    const std::string name = parameter_group_name(app);
-    std::string text = "group " + name + " {\n";
-    text += "parser = Standard2parser\n";
-    text += "file = \"" + paths::parameter_values_link(app) + "\"\n";
-    text += "dbus = \"--system --dest=com.orvo.Param." + app + " /com/orvo/Param/" + app +
-            " com.orvo.Param.ChangeNotification string:'$NAME' string:'$VALUE'\"\n";
-    text += "accessControl = \"admin:3;" + group + ":3;operator:1;viewer:0\"\n";
-    for (const Parameter& parameter : parameters)
-        text += "param " + parameter.name + " {\n  mount = \"Standard2{" + name + "}{" + parameter.name +
-                "}\"\n  type = \"" + parameter.type + "\"\n}\n";
-    return text + "}\n";
 }
 
 bool setup_parameters(const json_t* manifest, const std::string& directory, const std::string& app,
@@ -185,22 +167,39 @@ bool setup_parameters(const json_t* manifest, const std::string& directory, cons
 }
 
 bool teardown_parameters(const std::string& directory, const std::string& app, VelkctlError** error) {
-    const std::string policy = bus_policy_path(app);
-    if (is_regular_file_no_follow(policy) && !delete_group(app, error))
+    const bool has_policy = is_own_bus_policy(app);
+    if (has_policy && !delete_group(app, error))
         return false;
-    return remove_file(paths::parameter_values_link(app), error) &&
-           remove_file(paths::parameter_group_link(app), error) &&
-           remove_file_in_application(directory, "conf", values_name(app), error) &&
-           remove_file_in_application(directory, "conf", group_name(app), error) &&
-           remove_file(policy, error);
+    const std::string conf = directory + "/conf/";
+    return try_each(
+        {
+            [&](VelkctlError** failure) {
+                return remove_own_link(paths::parameter_values_link(app), conf + values_name(app), failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_own_link(paths::parameter_group_link(app), conf + group_name(app), failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_file_in_application(directory, "conf", values_name(app), failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_file_in_application(directory, "conf", group_name(app), failure);
+            },
+            [&](VelkctlError** failure) { return remove_bus_policy(app, failure); },
+        },
+        error);
 }
 
 bool reload_parameters(const std::string& app, VelkctlError** error) {
-    ErrorSlot existence;
-    if (path_exists(paths::parameter_group_link(app), existence))
-        return load_group(app, error);
-    const bool absent = !existence.is_set();
-    if (!absent)
-        existence.move_to(error);
-    return absent;
+    const std::string directory = paths::store_root_path(app);
+    const std::string name = group_name(app);
+    if (!is_symlink_target_equal_to(paths::parameter_group_link(app), directory + "/conf/" + name))
+        return true;
+    ErrorSlot not_there;
+    const std::optional<AreaDirectory> application = open_area(directory, not_there);
+    const std::optional<AreaDirectory> conf =
+        application ? open_area_directory(*application, "conf", not_there) : std::nullopt;
+    if (!conf || area_entry_kind(*conf, name) == 0)
+        return true;
+    return load_group(app, read_area_file(*conf, name, LONGEST_DEFINITION).value_or(""), error);
 }

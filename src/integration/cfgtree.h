@@ -7,16 +7,7 @@
 #include <vector>
 
 #include "base/velkctl-error.h"
-
-/** One parameter that an application declares. */
-struct Parameter {
-    std::string name;
-    std::string default_value;
-    std::string type;
-};
-
-/** The parameter group of an application: its name with the first letter in upper case. */
-[[nodiscard]] std::string parameter_group_name(const std::string& app);
+#include "integration/parameter-text.h"
 
 /**
  * The manifest's `paramConfig`, in its order; empty when there is none.
@@ -26,16 +17,10 @@ struct Parameter {
 [[nodiscard]] std::optional<std::vector<Parameter>> read_parameters(const json_t* manifest,
                                                                     VelkctlError** error);
 
-/** The file of current values. */
-[[nodiscard]] std::string parameter_values_text(const std::string& app,
-                                                const std::vector<Parameter>& parameters);
-/** The file that defines the group; `group` is the application's Linux group. */
-[[nodiscard]] std::string parameter_group_text(const std::string& app, const std::string& group,
-                                               const std::vector<Parameter>& parameters);
-
 /**
  * Write the application's parameter files and bus policy, link them where the parameter service looks, and
- * load the group. On the first card nothing is done, since parameters would be gone with the card.
+ * load the group. On the first card nothing is done, since parameters would be gone with the card. What has
+ * one of the names there already and is not the application's own stays.
  *
  * @param directory      the application directory
  * @param location_kind  the store location's kind
@@ -46,12 +31,18 @@ struct Parameter {
                                     const std::string& app, const std::string& user, const std::string& group,
                                     uint32_t location_kind, VelkctlError** error);
 
-/** Forget the group and remove what setup_parameters wrote. Stops at the first failure, code 10. */
+/**
+ * Forget the group and remove what setup_parameters wrote; what has a name of it and is another's stays.
+ *
+ * @param error  code 10 "Failed deleting the param group: %s", which ends it; otherwise each removal is
+ * tried, and the first failure is told
+ */
 [[nodiscard]] bool teardown_parameters(const std::string& directory, const std::string& app,
                                        VelkctlError** error);
 
 /**
- * Load the application's group into the parameter service again, if it has one.
+ * Load the application's group into the parameter service again, if it has one. The definition is the
+ * application's file: it is read without waiting for anything, and nothing of another group is loaded.
  *
  * @param error  code 10 "Failed loading parameter configuration file: %s"
  */

@@ -1,6 +1,7 @@
 #include "integration/containers.h"
 
 #include "base/paths.h"
+#include "manifest/app-user.h"
 #include "system/file.h"
 #include "system/user-database.h"
 
@@ -26,8 +27,21 @@ static bool remove_own_link(const std::string& link, const std::string& target, 
     return !is_symlink_target_equal_to(link, target) || remove_file(link, error);
 }
 
-bool remove_container_links(const std::string& directory, VelkctlError** error) {
+/** The link is made anew at each start, so one that is not known for the application's own stays. */
+static bool remove_own_socket_link(const std::string& app, VelkctlError** error) {
+    ErrorSlot unknown;
+    const std::optional<std::string> user = application_username(app.c_str(), unknown);
+    const uid_t uid = user ? find_user_id(*user, unknown) : static_cast<uid_t>(-1);
+    return uid == static_cast<uid_t>(-1) ||
+           remove_own_link(paths::kContainerSocket, container_socket(uid), error);
+}
+
+bool remove_container_links(const std::string& app, const std::string& directory, VelkctlError** error) {
     return remove_own_link(paths::kContainerTool, tool_path(directory), error) &&
            remove_own_link(paths::kContainerComposeTool, compose_tool_path(directory), error) &&
-           remove_file(paths::kContainerSocket, error);
+           remove_own_socket_link(app, error);
+}
+
+std::string container_socket(uid_t uid) {
+    return std::string(paths::kUserRuntimes) + "/" + std::to_string(uid) + "/docker.sock";
 }

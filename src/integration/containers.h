@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "base/velkctl-error.h"
@@ -15,6 +17,10 @@
 [[nodiscard]] bool create_container_links(const std::string& directory, const std::string& user,
                                           VelkctlError** error);
 
-/** Remove the commands that are this application's, and the containers' socket; those of others stay.
- * Code 10. */
-[[nodiscard]] bool remove_container_links(const std::string& directory, VelkctlError** error);
+/** Remove the commands that are this application's, and the link to the containers' socket of its user; those
+ * of others, and a socket of the system, stay. Code 10. */
+[[nodiscard]] bool remove_container_links(const std::string& app, const std::string& directory,
+                                          VelkctlError** error);
+
+/** Where the containers of the user have their socket, which the device's link leads to. */
+[[nodiscard]] std::string container_socket(uid_t uid);

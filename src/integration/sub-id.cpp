@@ -55,7 +55,15 @@ std::optional<SubIdLine> read_line(const GMatchInfo* match, VelkctlError** error
 }
 
 bool is_reusable(const SubIdLine& line, uid_t uid) {
-    return parse<uid_t>(line.owner) == uid && line.start > LARGEST_UNUSABLE_START;
+    // A count of 1 is one of the user's groups, whatever its number.
+    return parse<uid_t>(line.owner) == uid && line.start > LARGEST_UNUSABLE_START && line.count != 1;
+}
+
+/** Add lines, which a file that ends within one would otherwise join to it; both would then mean nothing. */
+bool append_lines(const std::string& path, const std::string& lines, VelkctlError** error) {
+    const std::optional<std::string> text = read_file(path, error);
+    const bool is_unfinished = text && !text->empty() && !text->ends_with('\n');
+    return text && append_to_file(path, (is_unfinished ? "\n" : "") + lines, error);
 }
 
 std::optional<int32_t> common_start(const SubIdFiles& files, uid_t uid, VelkctlError** error) {
@@ -162,8 +170,8 @@ bool allocate_sub_ids(const SubIdFiles& files, const std::string& user, const st
     const std::optional<int32_t> start = common_start(files, uid, error);
     const std::optional<std::vector<gid_t>> gids = start ? group_ids(groups, error) : std::nullopt;
     return gids && remove_sub_ids(files.uids, uid, error) && remove_sub_ids(files.gids, uid, error) &&
-           append_to_file(files.uids, sub_uid_text(uid, *start), error) &&
-           append_to_file(files.gids, sub_gid_text(uid, primary_gid, *gids, *start), error);
+           append_lines(files.uids, sub_uid_text(uid, *start), error) &&
+           append_lines(files.gids, sub_gid_text(uid, primary_gid, *gids, *start), error);
 }
 
 bool teardown_sub_ids(const SubIdFiles& files, const std::string& app, VelkctlError** error) {

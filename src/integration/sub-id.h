@@ -11,7 +11,7 @@
 
 /**
  * Where the range of `uid` begins or is to begin, by the text of a sub-ID file: at its own present range,
- * else behind the last range of all users.
+ * which has more than one number, else behind the last range of all users.
  *
  * @param error  code 10 for a line with numbers out of range, or with a range larger than the step between
  * ranges

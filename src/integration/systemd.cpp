@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <cassert>
+#include <cstring>
 #include <sstream>
 
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/http.h"
+#include "integration/squash-images.h"
 #include "integration/units.h"
 #include "manifest/manifest.h"
 #include "manifest/names.h"
@@ -24,12 +26,79 @@ std::string unit_file(const std::string& name) { return std::string(paths::kSyst
 
 std::string drop_in_directory(const std::string& app) { return paths::service_unit_path(app) + ".d"; }
 
+std::string overlay_drop_in_directory(const std::string& app) {
+    return unit_file(mount_unit_name(paths::store_root_path(app))) + ".d";
+}
+
 std::string lower_directory(const std::string& app, const StoreLocation* location) {
     return store_path(app, location) + "/lower";
 }
 
 bool write_unit(const std::string& name, const std::optional<std::string>& text, VelkctlError** error) {
     return text && write_file(unit_file(name), *text, error);
+}
+
+// --- Whose a unit is ---
+
+/** The directory that the unit file mounts something at; empty when it tells none. */
+std::string mounted_at(const std::string& unit) {
+    ErrorSlot unreadable;
+    std::istringstream lines(read_file(unit_file(unit), unreadable).value_or(""));
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with("Where="))
+            return line.substr(strlen("Where="));
+    return "";
+}
+
+/**
+ * Whether the unit file is there for the directory itself, or with `below` for one below it. Names of
+ * mounts do not tell: a hyphen in an application's name looks in them like a step down.
+ */
+bool mounts_at(const std::string& unit, const std::string& directory, bool below) {
+    const std::string place = mounted_at(unit);
+    return below ? place.starts_with(directory + "/") : place == directory;
+}
+
+bool is_there_for_another(const std::string& unit, const std::string& directory, bool below) {
+    return is_regular_file(unit_file(unit)) && !mounts_at(unit, directory, below);
+}
+
+/** The application whose service would have the name of this one's polling service. */
+std::string namesake_of_polling_service(const std::string& app) { return app + "-disk-mounted"; }
+
+bool is_polling_service_of_another(const std::string& app) {
+    return is_regular_file(unit_file(disk_polling_unit_name(app))) &&
+           !owner_of_polling_service(namesake_of_polling_service(app));
+}
+
+/** The application that has something mounted at the directory, in words. */
+std::string owner_of_mount(const std::string& directory) {
+    const std::string store = std::string(paths::kStoreRoot) + "/";
+    if (!directory.starts_with(store))
+        return "the system";
+    const std::string below = directory.substr(store.size());
+    return "application " + below.substr(0, below.find('/'));
+}
+
+bool refuse_unit_of_another(const std::string& unit, const std::string& app, const std::string& owner,
+                            VelkctlError** error) {
+    return fail(error, VELKCTL_ERROR_GENERAL, "The unit %s that application %s needs is one of %s",
+                unit.c_str(), app.c_str(), owner.c_str());
+}
+
+bool check_mount_name(const std::string& app, const std::string& unit, const std::string& directory,
+                      bool below, VelkctlError** error) {
+    return !is_there_for_another(unit, directory, below) ||
+           refuse_unit_of_another(unit, app, owner_of_mount(mounted_at(unit)), error);
+}
+
+/** The names of the two services that an application can have. */
+bool check_service_names(const std::string& app, const StoreLocation* location, VelkctlError** error) {
+    if (const std::optional<std::string> owner = owner_of_polling_service(app))
+        return refuse_unit_of_another(paths::service_unit_name(app), app, "application " + *owner, error);
+    return location->kind != STORE_SD_CARD1 || !is_polling_service_of_another(app) ||
+           refuse_unit_of_another(disk_polling_unit_name(app), app,
+                                  "application " + namesake_of_polling_service(app), error);
 }
 
 // --- Making ---
@@ -39,6 +108,7 @@ struct UnitJob {
     const ParsedManifest& parsed;
     const json_t* manifest;
     const StoreLocation* location;
+    uid_t uid;
     std::string directory;
     std::string overlay_unit;
     std::vector<std::string> required_mounts;
@@ -55,6 +125,17 @@ void bring_up_overlay(const std::string& unit) {
         log_warning("Failed to start %s", unit.c_str());
 }
 
+bool create_overlay_drop_in(const OverlayUnit& unit, VelkctlError** error) {
+    // The service manager refuses a mount whose directory has a hyphen in its name, and such a drop-in could
+    // be one for the units of others that begin with the name.
+    if (unit.app.find('-') != std::string::npos)
+        return true;
+    const std::string directory = overlay_drop_in_directory(unit.app);
+    const std::optional<std::string> text = card_overlay_drop_in_text(unit, error);
+    return text && make_reserved_dir(directory, 0755, error) &&
+           write_file(directory + "/50-nodev.conf", *text, error);
+}
+
 bool create_card_units(UnitJob* job, VelkctlError** error) {
     const std::string& app = job->parsed.appName;
     const std::string polling = disk_polling_unit_name(app);
@@ -63,73 +144,27 @@ bool create_card_units(UnitJob* job, VelkctlError** error) {
     // The link goes last: where it is missing there is a unit of the directory, by which teardown knows it.
     if (!write_unit(polling, disk_polling_unit_text(job->location->disk, error), error) ||
         !write_unit(overlay, card_overlay_unit_text(unit, error), error) ||
-        !remove_if_symlink(job->directory, error))
+        !create_overlay_drop_in(unit, error) || !remove_if_symlink(job->directory, error))
         return false;
+    fix_squash_images_in_package(job->manifest, app, job->location, job->uid);
     bring_up_overlay(overlay);
     job->overlay_unit = overlay;
     return true;
 }
 
-/** Where the application's files are for looking at; on the first card the overlay may not be mounted. */
-std::string base_directory(const UnitJob& job) {
-    return job.location->kind == STORE_SD_CARD1 ? lower_directory(job.parsed.appName, job.location)
-                                                : job.directory;
-}
-
-/**
- * The path below the application directory that an element of `squashfsMounts` names under `key`. What it
- * names must be there, also with the links on the way resolved, and inside the application's files.
- */
-std::optional<std::string> squashfs_path(const UnitJob& job, const json_t* element, const char* key,
-                                         VelkctlError** error) {
-    const std::optional<std::string> relative = manifest_string(element, error, {key});
-    if (!relative || !check_no_newline(relative, key, error))
-        return std::nullopt;
-    const std::string base = base_directory(job);
-    const std::optional<std::string> resolved = resolve_in_dir(base, *relative);
-    ErrorSlot outside;
-    // A mount on the application directory itself would hide the application from its own unit.
-    if (!resolved || *resolved == base ||
-        (is_directory_or_regular_file(*resolved) && !check_path_in_app_dir(*resolved, base, outside))) {
-        velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST,
-                          "The relative path %s tried to escape the application directory",
-                          relative->c_str());
-        return std::nullopt;
-    }
-    if (!is_directory_or_regular_file(*resolved)) {
-        velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST,
-                          "The %s '%s' referenced from squashfsMounts could not be found", key,
-                          resolved->c_str());
-        return std::nullopt;
-    }
-    return job.directory + resolved->substr(base.size());
-}
-
-bool create_squashfs_unit(UnitJob* job, const json_t* element, VelkctlError** error) {
-    const std::optional<std::string> image = squashfs_path(*job, element, "path", error);
-    if (!image)
-        return false;
-    const std::optional<std::string> mount_point = squashfs_path(*job, element, "mountpoint", error);
-    if (!mount_point)
-        return false;
-    const SquashfsUnit unit{job->parsed.appName, job->directory, *image, *mount_point};
-    if (!write_unit(mount_unit_name(*mount_point), squashfs_unit_text(unit, error), error))
-        return false;
-    job->required_mounts.push_back(*mount_point);
-    return true;
-}
-
 bool create_squashfs_units(UnitJob* job, VelkctlError** error) {
-    const json_t* mounts =
-        manifest_object(job->manifest, nullptr, {"velkPackageConf", "configuration", "squashfsMounts"});
-    if (mounts && !json_is_array(mounts)) {
-        velkctl_error_set(error, VELKCTL_ERROR_INVALID_MANIFEST, "%s in manifest is not an array",
-                          "squashfsMounts");
+    const std::string& app = job->parsed.appName;
+    const std::optional<std::vector<SquashImage>> images =
+        read_squash_images(job->manifest, app, job->location, error);
+    if (!images || !fix_squash_images(*images, app, job->location, job->uid, error))
         return false;
-    }
-    for (size_t i = 0; i < json_array_size(mounts); i++)
-        if (!create_squashfs_unit(job, json_array_get(mounts, i), error))
+    for (const SquashImage& image : *images) {
+        const std::string mount_point = job->directory + "/" + image.mount_point;
+        const SquashfsUnit unit{app, job->directory, job->directory + "/" + image.image, mount_point};
+        if (!write_unit(mount_unit_name(mount_point), squashfs_unit_text(unit, error), error))
             return false;
+        job->required_mounts.push_back(mount_point);
+    }
     return true;
 }
 
@@ -154,11 +189,7 @@ bool create_service_unit(const UnitJob& job, const std::string& user, const std:
     unit.real_time_priority = parsed.realTimePriority;
     unit.container_host = parsed.containerHost;
     unit.create_docker_symlinks = parsed.createDockerSymlinks;
-    if (unit.container_host || unit.create_docker_symlinks) {
-        unit.uid = find_user_id(user, error);
-        if (unit.uid == static_cast<uid_t>(-1))
-            return false;
-    }
+    unit.uid = job.uid;
     return write_unit(paths::service_unit_name(parsed.appName), service_unit_text(unit, error), error);
 }
 
@@ -208,22 +239,9 @@ bool remove_enabling_link(const std::string& app) {
 
 bool remove_service(const std::string& app) {
     ErrorSlot error;
-    bool ok = remove_unit_file(paths::service_unit_name(app));
+    bool ok = owner_of_polling_service(app) || remove_unit_file(paths::service_unit_name(app));
     ok = remove_enabling_link(app) && ok;
     return survive(remove_recursive(drop_in_directory(app), error), &error) && ok;
-}
-
-/**
- * Whether the unit file mounts something outside the directory. The pattern for an application's mounts also
- * fits the overlay of another one that is named like it with a hyphen behind, which must stay.
- */
-bool belongs_to_another(const std::string& path, const std::string& directory) {
-    ErrorSlot unreadable;
-    std::istringstream lines(read_file(path, unreadable).value_or(""));
-    for (std::string line; std::getline(lines, line);)
-        if (line.starts_with("Where="))
-            return !line.starts_with("Where=" + directory + "/");
-    return false;
 }
 
 std::optional<std::vector<std::string>> mounts_below(const std::string& directory, VelkctlError** error) {
@@ -236,9 +254,25 @@ std::optional<std::vector<std::string>> mounts_below(const std::string& director
     std::vector<std::string> names;
     while (const dirent* entry = readdir(units.get()))
         if (fnmatch(full.c_str(), entry->d_name, 0) == 0 &&
-            !belongs_to_another(unit_file(entry->d_name), directory))
+            !is_there_for_another(entry->d_name, directory, true))
             names.emplace_back(entry->d_name);
     return names;
+}
+
+/**
+ * The name of an image's mount is made without escaping. Where it is not the one that the service manager
+ * has for the directory, the unit was never loaded and there is nothing to stop.
+ */
+bool stop_image_mount(const std::string& name, VelkctlError** error) {
+    constexpr const char* UNESCAPED = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789:-_.";
+    ErrorSlot refused;
+    if (name.find_first_not_of(UNESCAPED) != std::string::npos || !is_unit_loaded(name))
+        return true;
+    if (check_shell_arguments({name.c_str()}, refused) == 0)
+        return systemctl_stop(name, error);
+    refused.clear();
+    return spawn_and_wait({"systemctl", "stop", "--quiet", "--", name}, nullptr, refused) == 0 ||
+           FAIL_GENERAL(error, "Failed stopping %s", name.c_str());
 }
 
 bool remove_mounts_below(const std::string& directory) {
@@ -246,7 +280,7 @@ bool remove_mounts_below(const std::string& directory) {
     const std::optional<std::vector<std::string>> names = mounts_below(directory, error);
     bool ok = survive(names.has_value(), &error);
     for (const std::string& name : names.value_or(std::vector<std::string>())) {
-        ok = survive(systemctl_stop(name, error), &error) && ok;
+        ok = survive(stop_image_mount(name, error), &error) && ok;
         ok = remove_unit_file(name) && ok;
     }
     return ok;
@@ -284,8 +318,12 @@ bool restore_store_link(const std::string& app, const StoreLocation* location) {
  * back. */
 bool unmount_application(const std::string& app, const StoreLocation* location) {
     const std::string directory = paths::store_root_path(app);
+    if (is_there_for_another(mount_unit_name(directory), directory, false))
+        return true;
     const bool gone = stop_mount(directory);
     (void)restore_store_link(app, location);
+    ErrorSlot error;
+    survive(remove_recursive(overlay_drop_in_directory(app), error), &error);
     (void)remove_unit_file(mount_unit_name(directory));
     return gone;
 }
@@ -301,6 +339,8 @@ bool unmount_or_warn(const std::string& app, const StoreLocation* location) {
 /** Without its file it would still poll, for ever when the card is gone. */
 bool remove_polling_service(const std::string& app) {
     const std::string unit = disk_polling_unit_name(app);
+    if (is_polling_service_of_another(app))
+        return true;
     ErrorSlot error;
     if (is_regular_file(unit_file(unit)))
         survive(systemctl_stop(unit, error), &error);
@@ -324,11 +364,26 @@ bool remove_location_mounts(const std::string& app, const StoreLocation* locatio
 
 }  // namespace
 
+bool check_unit_names(const std::string& app, const json_t* manifest, const StoreLocation* location,
+                      VelkctlError** error) {
+    if (!check_service_names(app, location, error))
+        return false;
+    const std::string directory = paths::store_root_path(app);
+    for (const std::string& point : named_mount_points(manifest))
+        if (!check_mount_name(app, mount_unit_name(directory + "/" + point), directory, true, error))
+            return false;
+    const bool is_mounted = location->kind == STORE_SD_CARD1 || location->kind == STORE_INTERNAL_VLPFS;
+    return !is_mounted || check_mount_name(app, mount_unit_name(directory), directory, false, error);
+}
+
 bool create_squashfs_mount_units(const ParsedManifest& parsed, const json_t* manifest,
                                  const std::string& user, const std::string& group,
                                  const StoreLocation* location, VelkctlError** error) {
     assert(error);
-    UnitJob job{parsed, manifest, location, paths::store_root_path(parsed.appName), {}, {}};
+    const uid_t uid = find_user_id(user, error);
+    UnitJob job{parsed, manifest, location, uid, paths::store_root_path(parsed.appName), {}, {}};
+    if (uid == static_cast<uid_t>(-1))
+        return false;
     if (location->kind == STORE_SD_CARD1 && !create_card_units(&job, error))
         return false;
     if (!create_squashfs_units(&job, error))

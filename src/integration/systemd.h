@@ -12,8 +12,18 @@
 inline constexpr uint32_t FEATURE_SCRIPT_PERMISSIONS = 2;
 
 /**
+ * Check that no unit of another application, or of the system, has a name that this application's units would
+ * have: its own are not written in their place, nor taken for them later.
+ *
+ * @param error  code 10 "The unit %s that application %s needs is one of %s"
+ */
+[[nodiscard]] bool check_unit_names(const std::string& app, const json_t* manifest,
+                                    const StoreLocation* location, VelkctlError** error);
+
+/**
  * Write the units of an application: for the first card the polling service and the overlay, which is enabled
- * and started; a mount for each of the manifest's squash images; the service and its drop-in.
+ * and started; a mount for each of the manifest's squash images, which are fixed first; the service and its
+ * drop-in.
  *
  * @param error  required (asserted). Code 29 for a malformed `squashfsMounts`, code 1 for a drop-in directory
  * that is a link, code 10 for what cannot be written or looked up. Units already written stay, for teardown.

@@ -2,8 +2,10 @@
 
 #include "base/paths.h"
 #include "base/quote.h"
+#include "integration/containers.h"
 #include "integration/unit-text.h"
 #include "system/subprocess.h"
+#include "system/systemctl.h"
 
 std::string disk_polling_unit_name(const std::string& app) { return "sdk" + app + "-disk-mounted.service"; }
 
@@ -14,7 +16,7 @@ std::optional<std::string> disk_polling_unit_text(const std::string& disk, Velkc
         .add("Service", "ExecStartPre",
              "sh -c \"while ! [ -d " + std::string(paths::kCards) + "/" + disk +
                  "/packages ]; do sleep 1; done\"")
-        .add("Service", "ExecStart", "echo null > /dev/null")
+        .add("Service", "ExecStart", POLLING_PROGRAM)
         .add("Service", "RemainAfterExit", "yes")
         .text(error);
 }
@@ -38,9 +40,18 @@ static std::optional<std::string> overlay_unit_text(const OverlayUnit& unit, con
         .text(error);
 }
 
+static std::string card_overlay_options(const OverlayUnit& unit) {
+    return overlay_options(unit.layers) + ",nosuid";
+}
+
 std::optional<std::string> card_overlay_unit_text(const OverlayUnit& unit, VelkctlError** error) {
-    return overlay_unit_text(unit, "Overlay mount for " + unit.app, "Wants",
-                             overlay_options(unit.layers) + ",nosuid", "velk.target", error);
+    return overlay_unit_text(unit, "Overlay mount for " + unit.app, "Wants", card_overlay_options(unit),
+                             "velk.target", error);
+}
+
+std::optional<std::string> card_overlay_drop_in_text(const OverlayUnit& unit, VelkctlError** error) {
+    // Options do not add up: the last ones count alone.
+    return UnitText().add("Mount", "Options", card_overlay_options(unit) + ",nodev").text(error);
 }
 
 std::optional<std::string> layer_overlay_unit_text(const OverlayUnit& unit, VelkctlError** error) {
@@ -130,8 +141,7 @@ static void add_container_sections(const ServiceUnit& unit, UnitText* text) {
     }
     if (unit.create_docker_symlinks)
         text->add("Service", "ExecStartPre",
-                  privileged_shell(std::string("ln -sf ") + paths::kUserRuntimes + "/" + uid +
-                                   "/docker.sock " + paths::kContainerSocket));
+                  privileged_shell("ln -sf " + container_socket(unit.uid) + " " + paths::kContainerSocket));
 }
 
 std::optional<std::string> service_unit_text(const ServiceUnit& unit, VelkctlError** error) {

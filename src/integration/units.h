@@ -33,6 +33,9 @@ struct OverlayUnit {
 /** The overlay of an application on the first card. */
 [[nodiscard]] std::optional<std::string> card_overlay_unit_text(const OverlayUnit& unit,
                                                                 VelkctlError** error);
+/** What stands beside that unit so that device nodes on the card are none. */
+[[nodiscard]] std::optional<std::string> card_overlay_drop_in_text(const OverlayUnit& unit,
+                                                                   VelkctlError** error);
 /** The overlay of an application in the layer-file store. */
 [[nodiscard]] std::optional<std::string> layer_overlay_unit_text(const OverlayUnit& unit,
                                                                  VelkctlError** error);

@@ -5,7 +5,9 @@
 #include "manifest/manifest.h"
 #include "platform/dlpu.h"
 #include "system/dbus-call.h"
+#include "system/systemctl.h"
 #include "system/user-database.h"
+#include "system/user-processes.h"
 
 namespace {
 
@@ -101,6 +103,16 @@ bool remove_user(const std::string& app, VelkctlError** error) {
 bool set_api_access_rights(const std::string& app, const std::vector<std::string>& methods,
                            VelkctlError** error) {
     return call_with_list("SetAPIAccessRights", app, methods, error);
+}
+
+void end_left_processes(const std::string& app) {
+    const std::optional<UserEntry> user = find_own_user(app);
+    if (!user || count_processes_of_user(user->uid) == 0)
+        return;
+    // An upgrade saves the data before it refuses an application that runs.
+    ErrorSlot unknown;
+    if (is_application_active(app, unknown) == std::optional(false))
+        end_processes_of_user(user->uid, user->name);
 }
 
 const char* find_denied_method_entry(const std::string& method) {

@@ -29,6 +29,13 @@ struct AppUser {
 [[nodiscard]] bool set_api_access_rights(const std::string& app, const std::vector<std::string>& methods,
                                          VelkctlError** error);
 
+/**
+ * Kill what is left of the application's own user: processes that its scripts left behind. Nothing is done
+ * for a user that the manifest names, since others may run as it, too, nothing while the application itself
+ * runs, and nothing when there is no telling.
+ */
+void end_left_processes(const std::string& app);
+
 /** The deny-list entry that forbids the bus method to applications, or null. */
 [[nodiscard]] const char* find_denied_method_entry(const std::string& method);
 

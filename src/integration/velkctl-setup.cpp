@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/cfgtree.h"
@@ -12,6 +13,7 @@
 #include "integration/http.h"
 #include "integration/plugins.h"
 #include "integration/script-policy.h"
+#include "integration/squash-images.h"
 #include "integration/sub-id.h"
 #include "integration/systemd.h"
 #include "integration/users.h"
@@ -98,6 +100,12 @@ bool make_user(Setup* setup, VelkctlError** error) {
     return (!parsed.containerHost || allocate_sub_ids(device_sub_id_files(), setup->user.user,
                                                       setup->user.group, setup->user.groups, error)) &&
            grant_api_access(setup->manifest.get(), parsed, error);
+}
+
+/** Those that a setup which died has fixed: nobody could be made their owner. */
+bool release_images(Setup* setup, VelkctlError** /*error*/) {
+    release_squash_images(setup->manifest.get(), setup->app, setup->location);
+    return true;
 }
 
 bool mount_contents(Setup* setup, VelkctlError** error) {
@@ -299,6 +307,7 @@ using Step = bool (*)(Setup*, VelkctlError**);
 // In this order: each step builds on what the ones before it made.
 constexpr Step STEPS[] = {
     make_user,
+    release_images,
     mount_contents,
     require_license,
     validate_with_plugins,
@@ -325,6 +334,7 @@ bool run_steps(Setup* setup, VelkctlError** error) {
 }
 
 void undo(const std::string& app) {
+    const Uninterrupted shield;
     ErrorSlot error;
     if (velkctl_teardown(app, false, false, error) != 0)
         log_warning("Automatic teardown on failed setup failed. Code: %d, Message: %s", error.code(),
@@ -339,7 +349,7 @@ bool set_up(const std::string& app, SetupOptions options, VelkctlError** error) 
     Setup setup{
         .app = app, .options = options, .location = location, .directory = paths::store_root_path(app)};
     if (!lock_app_not_set_up(app, "setup", &lock, error) || !read_setup_manifest(&setup, error) ||
-        !check_location(setup, error))
+        !check_location(setup, error) || !check_unit_names(app, setup.manifest.get(), location, error))
         return false;
     if (run_steps(&setup, error))
         return true;

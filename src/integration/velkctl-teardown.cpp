@@ -1,6 +1,7 @@
 #include "integration/velkctl-teardown.h"
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/cfgtree.h"
@@ -9,6 +10,7 @@
 #include "integration/plugins.h"
 #include "integration/runstate.h"
 #include "integration/script-policy.h"
+#include "integration/squash-images.h"
 #include "integration/sub-id.h"
 #include "integration/systemd.h"
 #include "integration/users.h"
@@ -114,7 +116,8 @@ void remove_configuration(Teardown* teardown) {
                      error);
     teardown->finish(teardown_http(directory, teardown->app, error), "Failed to teardown http setup", error);
     if (teardown->parsed && teardown->parsed->createDockerSymlinks && holds_container_tools(directory))
-        teardown->finish(remove_container_links(directory, error), "Failed to teardown docker setup", error);
+        teardown->finish(remove_container_links(teardown->app, directory, error),
+                         "Failed to teardown docker setup", error);
 }
 
 /** Remove the user when it is the application's own: its manifest names none, readable otherwise or not. */
@@ -124,13 +127,17 @@ bool remove_dynamic_user(const std::string& app, VelkctlError** error) {
         return false;
     const bool is_static =
         manifest_object(manifest.get(), nullptr, {"velkPackageConf", "setup", "user", "username"}) != nullptr;
-    return is_static || remove_user(app, error);
+    if (is_static)
+        return true;
+    end_left_processes(app);  // a process of it would be one of the next application's
+    return remove_user(app, error);
 }
 
 void remove_user_and_ranges(Teardown* teardown) {
     ErrorSlot error;
     // The ranges go first, since they are found by the user. Ranges that stay behind harm nobody: no failure.
-    if (teardown->parsed && teardown->parsed->containerHost && has_user_of_its_own(*teardown))
+    // Those of a static user were never written by setup.
+    if (teardown->parsed && teardown->parsed->containerHost && teardown->parsed->userIsDynamic)
         teardown->finish(teardown_sub_ids(device_sub_id_files(), teardown->app, error),
                          "Failed to teardown subuid/subgid", error, false);
     teardown->finish(remove_dynamic_user(teardown->app, error), "Failed to teardown user", error);
@@ -138,8 +145,11 @@ void remove_user_and_ranges(Teardown* teardown) {
 
 void remove_units(Teardown* teardown) {
     ErrorSlot error;
-    teardown->finish(teardown_systemd(teardown->app, teardown->application.location, error),
-                     "Failed to teardown systemd", error);
+    const StoreLocation* location = teardown->application.location;
+    teardown->finish(teardown_systemd(teardown->app, location, error), "Failed to teardown systemd", error);
+    // Nothing of them is mounted any more.
+    if (location && teardown->manifest)
+        release_squash_images(teardown->manifest.get(), teardown->app, location);
 }
 
 void reload_services(Teardown* teardown) {
@@ -160,6 +170,8 @@ bool tear_down(const std::string& app, bool reload, bool persist_user, VelkctlEr
         .application = std::move(*application), .app = app, .directory = paths::store_root_path(app)};
     read_teardown_manifest(&teardown);
     take_leave_of_application(&teardown);
+    const Uninterrupted shield;  // what is left takes moments, and half of it would be left to somebody
+    end_left_processes(app);
     remove_configuration(&teardown);
     if (!persist_user)
         remove_user_and_ranges(&teardown);

@@ -11,10 +11,10 @@
 #include <nlohmann/json-schema.hpp>
 #include <stdexcept>
 
+#include "base/descriptors.h"
 #include "base/handles.h"
 #include "base/paths.h"
 #include "base/velkctl-error.h"
-#include "base/write-all.h"
 #include "lifecycle/iri.h"
 
 namespace {
@@ -120,25 +120,6 @@ void apply_limits(const ValidationLimits& limits) {
 
 // --- In the parent ---
 
-std::string read_all(int fd) {
-    std::string text;
-    char block[4096];
-    for (;;) {
-        const ssize_t got = read(fd, block, sizeof block);
-        if (got > 0)
-            text.append(block, static_cast<size_t>(got));
-        else if (got == 0 || errno != EINTR)
-            return text;
-    }
-}
-
-int wait_for(pid_t child) {
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
-}
-
 Answer explain_death(int status, const ValidationLimits& limits) {
     const int number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     if (number == SIGXCPU || number == SIGKILL)
@@ -162,8 +143,14 @@ Answer ask_child(const std::string& input, const std::string& schema, const Vali
     if (child == 0)
         run_child(write_end.get(), input, schema, limits);
     write_end.reset();
-    const std::string answer = read_all(read_end.get());
-    const int status = wait_for(child);
+    std::string answer;
+    const bool is_read = read_all(read_end.get(), &answer);
+    const int read_errno = errno;
+    int status = 0;
+    if (!wait_for_child(child, &status))
+        return failed(JSON_NOT_VALID, system_error_text());
+    if (!is_read)
+        return failed(JSON_NOT_VALID, system_error_text(read_errno));
     if (status != 0 || answer.empty())
         return explain_death(status, limits);
     return {answer[0], answer.substr(1)};

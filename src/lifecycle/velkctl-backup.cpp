@@ -7,6 +7,7 @@
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "integration/users.h"
 #include "store/application.h"
 #include "store/lock.h"
 #include "store/velkctl-store.h"
@@ -173,6 +174,7 @@ bool back_up_application(const std::string& app, VelkctlError** error) {
     if (application.location->disk && !application.is_reachable())
         return FAIL_GENERAL(error, "Failed backing up %s: Its files at %s cannot be reached", app.c_str(),
                             application.home().c_str());
+    end_left_processes(app);
     const Source source = find_source(application);
     // What cannot be seen, for instance behind a link that leads nowhere, replaces nothing that was saved.
     if (!is_directory(source.directory) && backup_exists(app))

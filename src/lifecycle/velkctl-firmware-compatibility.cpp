@@ -1,6 +1,7 @@
 #include "lifecycle/velkctl-firmware-compatibility.h"
 
 #include <cstdlib>
+#include <map>
 #include <set>
 
 #include "base/handles.h"
@@ -27,7 +28,8 @@ struct Inquiry {
     Version version;
     std::set<std::string> preinstalled;
     bool unsigned_allowed;
-    json_t* incompatible;  ///< array, borrowed
+    json_t* incompatible;                        ///< array, borrowed
+    std::map<std::string, JsonPtr> manifests{};  ///< those that were read already, by the application's name
 };
 
 // --- Entries of the answer ---
@@ -80,7 +82,7 @@ void add_legacy_entry(const Inquiry& inquiry, const std::string& app) {
 }
 
 /** The names of the applications that a filter keeps; what could not be enumerated is a warning. */
-std::vector<std::string> enumerate(bool (*filter)(const std::string&), const char* kind) {
+std::vector<std::string> enumerate(const PathFilter& filter, const char* kind) {
     ErrorSlot trouble;
     std::vector<std::string> names = collect_app_names(filter, trouble);
     if (trouble.is_set())
@@ -88,8 +90,20 @@ std::vector<std::string> enumerate(bool (*filter)(const std::string&), const cha
     return names;
 }
 
-void examine_legacy_apps(const Inquiry& inquiry) {
-    for (const std::string& app : enumerate(is_legacy_app, "legacy")) {
+void examine_legacy_apps(Inquiry& inquiry) {
+    // An application is of the older form when its manifest cannot be read; one that was read is kept for
+    // later.
+    const auto is_legacy = [&inquiry](const std::string& path) {
+        if (!holds_package_conf(path))
+            return false;
+        ErrorSlot not_readable;
+        JsonPtr manifest = load_manifest(path, not_readable);
+        const bool legacy = !manifest;
+        if (manifest)
+            inquiry.manifests[base_name(path)] = std::move(manifest);
+        return legacy;
+    };
+    for (const std::string& app : enumerate(is_legacy, "legacy")) {
         if (inquiry.preinstalled.contains(app))
             log_info("Skipping preinstalled legacy app: %s", app.c_str());
         else
@@ -132,16 +146,25 @@ void examine_ranges(const Inquiry& inquiry, const std::string& app, const json_t
         add_manifest_entry(inquiry, app, manifest, error.code(), error.message());
 }
 
-void examine_manifest_app(const Inquiry& inquiry, const std::string& app) {
+/** The manifest of an application, from what was read already when it was. */
+JsonPtr take_manifest(Inquiry& inquiry, const std::string& app) {
+    const auto read = inquiry.manifests.find(app);
+    if (read != inquiry.manifests.end())
+        return std::move(read->second);
+    ErrorSlot unreadable;
+    JsonPtr manifest = load_installed_manifest(app, unreadable);
+    if (!manifest)
+        log_warning("Could not load manifest for %s: %s", app.c_str(), unreadable.message());
+    return manifest;
+}
+
+void examine_manifest_app(Inquiry& inquiry, const std::string& app) {
     if (inquiry.preinstalled.contains(app)) {
         log_info("Skipping preinstalled manifest app: %s", app.c_str());
         return;
     }
     const bool is_refused = !inquiry.unsigned_allowed && !vsf_is_confirmed(app);
-    ErrorSlot unreadable;
-    const JsonPtr manifest = load_installed_manifest(app, unreadable);
-    if (!manifest)
-        log_warning("Could not load manifest for %s: %s", app.c_str(), unreadable.message());
+    const JsonPtr manifest = take_manifest(inquiry, app);
     if (!is_refused)
         examine_ranges(inquiry, app, manifest.get());
     else if (manifest)

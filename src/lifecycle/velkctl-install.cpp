@@ -2,14 +2,13 @@
 
 #include <cassert>
 
+#include "base/interruption.h"
 #include "base/log.h"
 #include "integration/http.h"
 #include "integration/velkctl-teardown.h"
 #include "lifecycle/velkctl-backup.h"
 #include "lifecycle/velkctl-restore.h"
 #include "manifest/app-user.h"
-#include "manifest/manifest-rules.h"
-#include "manifest/manifest.h"
 #include "manifest/names.h"
 #include "store/lock.h"
 #include "store/velkctl-import.h"
@@ -19,30 +18,29 @@
 
 namespace {
 
-/** One installation: what was asked for, and what the package says of itself. */
+/** One installation: the package, and what was asked for. */
 struct Installation {
-    const std::string& package;
+    Package* package;
     const StoreLocation* location;
     const SetupOptions& options;
-    JsonPtr manifest;
-    ParsedManifest parsed;
 
-    [[nodiscard]] const std::string& app() const { return parsed.appName; }
+    [[nodiscard]] const std::string& app() const { return package->app(); }
 };
 
-bool import_and_set_up(const Installation& installation, VelkctlError** error) {
-    std::string imported;
-    if (velkctl_import(installation.package, installation.location, &imported, error) != 0)
-        return false;
+/** Set up what was imported, or take it away again. */
+bool set_up_imported(const Installation& installation, VelkctlError** error) {
     if (velkctl_setup(installation.app(), installation.options, error) == 0)
         return true;
+    const Uninterrupted shield;
     ErrorSlot cleanup;
     velkctl_remove(installation.app(), cleanup);
     return false;
 }
 
 bool install_fresh(const Installation& installation, OperationLock* lock, VelkctlError** error) {
-    return lock->take(installation.app(), error) && import_and_set_up(installation, error);
+    return lock->take(installation.app(), error) &&
+           import_package(installation.package, *installation.location, error) &&
+           set_up_imported(installation, error);
 }
 
 // The lock content says that nothing is to be undone: a crash in here must not cost the still intact
@@ -56,20 +54,30 @@ bool back_up_installed(const std::string& app, VelkctlError** error) {
 bool keeps_user(const Installation& installation) {
     ErrorSlot unreadable;
     const std::optional<std::string> installed = application_username(installation.app().c_str(), unreadable);
-    return installed && *installed == installation.parsed.user;
+    return installed && *installed == installation.package->parsed().user;
+}
+
+/** Find all that is wrong with the new version while the old one still stands. */
+bool check_new_version(const Installation& installation, VelkctlError** error) {
+    const Package& package = *installation.package;
+    return verify_for_import(installation.package, *installation.location, error) &&
+           check_replacement(installation.package, *installation.location, error) &&
+           check_restorable(package.app(), package.manifest(), *installation.location,
+                            package.size() ? package.size()->bytes : 0, error);
 }
 
 bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError** error) {
     const std::string& app = installation.app();
-    if (!check_vendor_id(installation.manifest.get(), error) || !back_up_installed(app, error) ||
+    if (!check_vendor_id(installation.package->manifest(), error) || !back_up_installed(app, error) ||
         !lock->take(app, error))
         return false;
     const bool persist_user = keeps_user(installation);
-    if (!require_application_stopped(app, "install", error) ||
-        !check_restorable(app, installation.manifest.get(), *installation.location, 0, error) ||
-        velkctl_teardown(app, false, persist_user, error) != 0)
+    if (!require_application_stopped(app, "install", error) || !check_new_version(installation, error) ||
+        velkctl_teardown(app, false, persist_user, error) != 0 || fail_when_interrupted(error))
         return false;
-    if (velkctl_remove(app, error) == 0 && import_and_set_up(installation, error))
+    if (velkctl_remove(app, error) == 0 &&
+        import_verified(installation.package, *installation.location, error) &&
+        set_up_imported(installation, error))
         return true;
     reload_web_server();
     return false;
@@ -78,6 +86,7 @@ bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError
 /** Take an application away whose data could not be restored; the backup goes aside only when the application
  * is gone. */
 void uninstall_unstable(const std::string& app) {
+    const Uninterrupted shield;
     log_warning("Failed to restore %s. Will attempt to uninstall it.", app.c_str());
     ErrorSlot ignored;
     if (velkctl_teardown(app, false, false, ignored) != 0 || velkctl_remove(app, ignored) != 0 ||
@@ -98,36 +107,24 @@ bool restore_saved_data(const std::string& app, VelkctlError** error) {
     return true;
 }
 
-/** The package's manifest and its parsed form, or nothing. */
-std::optional<Installation> examine(const std::string& path, const StoreLocation* location,
-                                    const SetupOptions& options, VelkctlError** error) {
-    const std::optional<std::string> resolved = canonical_path(path, error);
-    if (!resolved || !check_package_file_name(*resolved, error))
-        return std::nullopt;
-    JsonPtr manifest = load_package_manifest(*resolved, error);
-    std::optional<ParsedManifest> parsed =
-        manifest ? parse_manifest(manifest.get(), error) : std::optional<ParsedManifest>();
-    if (!parsed)
-        return std::nullopt;
-    return Installation{path, location, options, std::move(manifest), std::move(*parsed)};
-}
-
 }  // namespace
 
 int velkctl_install(const std::string& package, const StoreLocation* location, const SetupOptions& options,
                     std::string* app_name, VelkctlError** error) {
     const char* path = package.c_str();
     assert(path && app_name && error);
-    const std::optional<Installation> installation = examine(package, location, options, error);
-    if (!installation)
+    Package opened;
+    if (!opened.open(package, error) || !opened.read_manifest(error))
         return -1;
-    const std::string& app = installation->app();
+    const Installation installation = {&opened, location, options};
+    const std::string& app = opened.app();
     *app_name = app;
 
     OperationLock lock;
     ErrorSlot failure;
-    const bool installed = app_exists(app.c_str(), failure) ? upgrade(*installation, &lock, failure)
-                                                            : install_fresh(*installation, &lock, failure);
+    const bool installed = app_exists(app.c_str(), failure) ? upgrade(installation, &lock, failure)
+                                                            : install_fresh(installation, &lock, failure);
+    opened.release_data();  // before the lock is given back
     const bool complete = installed && restore_saved_data(app, failure);
     lock.release();
     const bool skipped = failure.code() == VELKCTL_ERROR_INSTALL_ABORTED;

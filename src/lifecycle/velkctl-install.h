@@ -16,8 +16,9 @@
  * told it, also when the installation then fails
  * @param error     required (asserted). Code 27 when the vendor differs from the installed version's, 12 when
  * another command is at work; else the code of the step that failed. After a failed fresh installation
- * nothing of the application is left. After a failed upgrade the installed version stands as long as its
- *                  removal had not begun, and the backup of its data stays on disk; the lock is given back.
+ * nothing of the application is left. After a failed upgrade the backup of the data stays on disk; the
+ *                  installed version stands untouched when the new one was found to be bad, and stored as
+ * long as its removal had not begun. The lock is given back.
  * @return 0, also when the package's own script asked for the installation to be skipped and the options
  * allow that; -1 on failure
  */

@@ -2,6 +2,7 @@
 
 #include <cassert>
 #include <cstdlib>
+#include <map>
 #include <set>
 #include <vector>
 
@@ -61,9 +62,17 @@ void copy_setup_keys(json_t* object, const json_t* manifest) {
             json_object_set(object, listed.key, value);
 }
 
-void add_status(json_t* object, const std::string& app) {
+/** What is known of the device before the applications are described. */
+struct Known {
+    std::set<std::string> preinstalled;
+    std::map<std::string, bool> active;
+};
+
+void add_status(json_t* object, const std::string& app, const Known& known) {
     ErrorSlot error;
-    const std::optional<bool> active = is_application_active(app, error);
+    const auto told = known.active.find(app);
+    const std::optional<bool> active =
+        told != known.active.end() ? std::optional(told->second) : is_application_active(app, error);
     log_error(error.get());
     if (active)
         set_text(object, "status", *active ? "Running" : "Stopped");
@@ -105,11 +114,10 @@ void add_setting_page(json_t* object, const json_t* manifest, const std::string&
     }
 }
 
-void add_device_state(json_t* object, const json_t* manifest, const std::string& app,
-                      const std::set<std::string>& preinstalled) {
-    add_status(object, app);
+void add_device_state(json_t* object, const json_t* manifest, const std::string& app, const Known& known) {
+    add_status(object, app, known);
     add_autostart(object, app);
-    set_text(object, "bundled", yes_or_no(preinstalled.contains(app)));
+    set_text(object, "bundled", yes_or_no(known.preinstalled.contains(app)));
     set_text(object, "fullyInstalled", yes_or_no(is_set_up(app)));
     add_resources(object, manifest);
     set_text(object, "developerMode", yes_or_no(is_developer_mode_velk(manifest)));
@@ -118,7 +126,7 @@ void add_device_state(json_t* object, const json_t* manifest, const std::string&
 }
 
 /** One application's object. */
-JsonPtr describe(const json_t* manifest, const std::set<std::string>& preinstalled) {
+JsonPtr describe(const json_t* manifest, const Known& known) {
     ErrorSlot no_name;
     const std::optional<std::string> name =
         manifest_string(manifest, no_name, {"velkPackageConf", "setup", "appName"});
@@ -126,16 +134,24 @@ JsonPtr describe(const json_t* manifest, const std::set<std::string>& preinstall
     JsonPtr object(json_object());
     copy_setup_keys(object.get(), manifest);
     if (name)
-        add_device_state(object.get(), manifest, *name, preinstalled);
+        add_device_state(object.get(), manifest, *name, known);
     return object;
 }
 
-std::string list_apps(const std::vector<JsonPtr>& manifests) {
-    const std::set<std::string> preinstalled =
-        manifests.empty() ? std::set<std::string>() : preinstalled_names();
-    const JsonPtr list(json_array());
+/** Asked at once for all of them: a question for each takes most of the time of a listing. */
+Known ask_device(const std::vector<JsonPtr>& manifests) {
+    std::vector<std::string> names;
     for (const JsonPtr& manifest : manifests)
-        json_array_append_new(list.get(), describe(manifest.get(), preinstalled).release());
+        if (std::optional<std::string> name = manifest_app_name(manifest.get(), nullptr))
+            names.push_back(std::move(*name));
+    return {preinstalled_names(), active_applications(names)};
+}
+
+std::string list_apps(const std::vector<JsonPtr>& manifests) {
+    const JsonPtr list(json_array());
+    const Known known = manifests.empty() ? Known{} : ask_device(manifests);
+    for (const JsonPtr& manifest : manifests)
+        json_array_append_new(list.get(), describe(manifest.get(), known).release());
     return dump(list.get(), JSON_INDENT(4));
 }
 

@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "integration/cfgtree.h"
+#include "integration/users.h"
 #include "lifecycle/velkctl-backup.h"
 #include "manifest/app-user.h"
 #include "platform/libvelkctl.h"
@@ -326,6 +327,7 @@ int velkctl_restore(const std::string& app, VelkctlError** error) {
     if (uid == static_cast<uid_t>(-1) || !working_directory.remember(error) ||
         !working_directory.enter(backup_path(app), error))
         return -1;
+    end_left_processes(app);
     std::optional<AreaDirectory> application = open_area(paths::store_root_path(app), error);
     std::optional<AreaDirectory> backups =
         application ? open_area(dir_name(backup_path(app)).value_or(""), error) : std::nullopt;

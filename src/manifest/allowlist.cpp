@@ -28,6 +28,9 @@ static std::vector<std::string>* list_of_label(AmendList* lists, const std::stri
 }
 
 static bool parse_line(std::string_view line, AmendList* lists, VelkctlError** error) {
+    // A list written with other line ends would deny a name that nobody has, and so nobody.
+    if (line.ends_with('\r'))
+        line.remove_suffix(1);
     line = take_until(&line, '#');
     std::vector<std::string>* list = nullptr;
     while (!line.empty()) {

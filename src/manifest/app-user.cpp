@@ -9,6 +9,9 @@
 #include "manifest/manifest.h"
 #include "system/user-database.h"
 
+/** Where a manifest names the user; one that does not is for a user of the application's own. */
+static constexpr ManifestPath kUsername = {"velkPackageConf", "setup", "user", "username"};
+
 std::string dynamic_user_name(const std::string& app_name) {
     std::string name = "velk-" + app_name;
     for (char& letter : name)
@@ -19,8 +22,7 @@ std::string dynamic_user_name(const std::string& app_name) {
 std::optional<std::string> get_manifest_app_user(const std::string& app_name, const json_t* manifest,
                                                  bool* is_dynamic, VelkctlError** error) {
     assert(is_dynamic);
-    const ManifestPath username = {"velkPackageConf", "setup", "user", "username"};
-    if (!manifest_object(manifest, nullptr, username)) {
+    if (!manifest_object(manifest, nullptr, kUsername)) {
         *is_dynamic = true;
         return dynamic_user_name(app_name);
     }
@@ -29,7 +31,7 @@ std::optional<std::string> get_manifest_app_user(const std::string& app_name, co
                           "Manifest contains both application specific user and legacy user");
         return std::nullopt;
     }
-    std::optional<std::string> user = manifest_string(manifest, error, username);
+    std::optional<std::string> user = manifest_string(manifest, error, kUsername);
     if (user)
         *is_dynamic = false;
     return user;
@@ -43,6 +45,15 @@ std::optional<std::string> application_username(const char* app_name, VelkctlErr
     const JsonPtr manifest = load_installed_manifest(app_name, error);
     bool is_dynamic = false;
     return manifest ? get_manifest_app_user(app_name, manifest.get(), &is_dynamic, error) : std::nullopt;
+}
+
+std::optional<UserEntry> find_own_user(const std::string& app_name) {
+    ErrorSlot unknown;
+    const JsonPtr manifest = load_installed_manifest(app_name, unknown);
+    if (!manifest || manifest_object(manifest.get(), nullptr, kUsername))
+        return std::nullopt;
+    std::optional<UserEntry> user = find_user(dynamic_user_name(app_name), unknown);
+    return user && user->uid != 0 ? user : std::nullopt;
 }
 
 std::optional<AppOwner> application_owner(const char* app_name, VelkctlError** error) {

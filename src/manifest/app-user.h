@@ -8,6 +8,7 @@
 
 #include "base/velkctl-error.h"
 #include "manifest/parsed-manifest.h"
+#include "system/user-database.h"
 
 /** The user an application runs as, and that user's primary group. */
 struct AppOwner {
@@ -33,6 +34,12 @@ struct AppOwner {
 
 /** The user of an installed application, from its manifest; a null name is code 10. */
 [[nodiscard]] std::optional<std::string> application_username(const char* app_name, VelkctlError** error);
+
+/**
+ * The user that setup made for the installed application alone; none when its manifest names one, cannot be
+ * read, or there is no such user.
+ */
+[[nodiscard]] std::optional<UserEntry> find_own_user(const std::string& app_name);
 
 /** User and primary group of an installed application, both or nothing; the group is that of the user
  * database. */

@@ -22,8 +22,10 @@ static bool require_match(const char* pattern, const std::string& value, int32_t
 }
 
 static bool check_app_name(const std::string& name, int32_t code, VelkctlError** error) {
-    return require_match(R"(^([A-Za-z])[\w-]{0,99}$)", name, code,
-                         "Character sequence in application name is not allowed", error);
+    const char* refusal = "Character sequence in application name is not allowed";
+    if (name == NO_APP_NAME)
+        return fail(error, code, "%s", refusal);
+    return require_match(R"(^([A-Za-z])[\w-]{0,99}$)", name, code, refusal, error);
 }
 
 bool is_valid_app_name(const std::string& name, VelkctlError** error) {

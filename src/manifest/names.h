@@ -11,8 +11,11 @@
  * ASCII letter.
  */
 
+/** What stands in the place of an application's name where there is none, and so is none. */
+inline constexpr const char* NO_APP_NAME = "no_clean_on_failure";
+
 /**
- * An application name is a letter and up to 99 letters, digits, underscores and hyphens.
+ * An application name is a letter and up to 99 letters, digits, underscores and hyphens, but not NO_APP_NAME.
  *
  * @param error  required (asserted); code 10 "Character sequence in application name is not allowed"
  */

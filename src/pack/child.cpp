@@ -4,11 +4,10 @@
 #include <glib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include <cerrno>
-
+#include "base/descriptors.h"
 #include "base/paths.h"
-#include "base/write-all.h"
 #include "pack/pack-error.h"
 
 static constexpr int kPipeSize = 1 << 20;
@@ -16,12 +15,11 @@ static constexpr int kPipeSize = 1 << 20;
 // In memory, so that a program that says much never waits for somebody to listen while it is being fed.
 static UniqueFd memory_file(const char* name) { return UniqueFd(memfd_create(name, MFD_CLOEXEC)); }
 
+/** What was written to a memory file; nothing when that cannot be read. */
 static std::string contents_of(int fd) {
     std::string text;
-    char block[4096];
-    ssize_t got = 0;
-    while ((got = pread(fd, block, sizeof block, static_cast<off_t>(text.size()))) > 0)
-        text.append(block, static_cast<size_t>(got));
+    if (lseek(fd, 0, SEEK_SET) != 0 || !read_all(fd, &text))
+        text.clear();
     return text;
 }
 
@@ -71,12 +69,11 @@ void Child::feed(std::string_view data) {
 int Child::wait() {
     input_.reset();
     int status = 0;
-    while (waitpid(pid_, &status, 0) == -1 && errno == EINTR) {
-    }
+    const bool is_known = wait_for_child(pid_, &status);
     pid_ = 0;
     output_text_ = contents_of(output_.get());
     error_text_ = contents_of(errors_.get());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return is_known && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string last_words(const std::string& text) {

@@ -33,7 +33,7 @@ class Child {
     /** Give it more input. What a program does not want that has ended already is dropped. */
     void feed(std::string_view data);
 
-    /** End the input and wait; the exit status, -1 for a signal. */
+    /** End the input and wait; the exit status, -1 for a signal or when it cannot be known. */
     [[nodiscard]] int wait();
 
     /** What it wrote to its standard output and standard error, after `wait`. */

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/descriptors.h"
 #include "base/handles.h"
-#include "base/write-all.h"
 #include "pack/pack-error.h"
 #include "system/file.h"
 #include "system/tree.h"

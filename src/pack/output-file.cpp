@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/descriptors.h"
 #include "base/paths.h"
-#include "base/write-all.h"
 #include "pack/pack-error.h"
 #include "system/file.h"
 

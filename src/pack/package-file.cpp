@@ -9,6 +9,7 @@
 #include "pack/pack-error.h"
 #include "pack/progress.h"
 #include "store/package-trailer.h"
+#include "store/velkctl-verify-signature.h"
 
 static constexpr size_t kTarMagicPlace = 257;
 
@@ -51,7 +52,7 @@ static bool read_end(PackageFile* package, VelkctlError** error) {
     ErrorSlot broken_rule;
     if (!check_package_trailer(trailer, static_cast<off_t>(package->size), broken_rule))
         return fail_with(error, broken_rule.code(), package->path, broken_rule.message());
-    if (trailer.signature_size > PACKAGE_SIGNATURE_LIMIT)
+    if (trailer.signature_size > SIGNATURE_TEXT_LIMIT)
         return fail_with(error, VELKCTL_ERROR_SIGNATURE, package->path, "the signature is too large");
     package->data_size = package->size - PACKAGE_TRAILER_SIZE - trailer.signature_size;
     package->signature.emplace();

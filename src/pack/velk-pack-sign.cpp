@@ -9,6 +9,7 @@
 #include "pack/pack-error.h"
 #include "pack/package-file.h"
 #include "store/package-trailer.h"
+#include "store/velkctl-verify-signature.h"
 #include "system/file.h"
 
 static constexpr const char* kArmour = "-----BEGIN PGP SIGNATURE-----";
@@ -29,11 +30,11 @@ static std::optional<PackageFile> open_unsigned(const std::string& path, Velkctl
 }
 
 static bool check_signature(const std::string& signature, const std::string& source, VelkctlError** error) {
-    if (!signature.starts_with(kArmour))
+    if (signature.find(kArmour) == std::string::npos)
         return fail_with(error, VELKCTL_ERROR_SIGNATURE, source,
                          "holds no armoured signature (gpg --armor --detach-sign makes one)");
-    return signature.size() <= PACKAGE_SIGNATURE_LIMIT ||
-           fail_with(error, VELKCTL_ERROR_SIGNATURE, source, "the signature is too large");
+    return is_signature_alone(signature) || fail_with(error, VELKCTL_ERROR_SIGNATURE, source,
+                                                      "holds more than the signature, which no device takes");
 }
 
 static bool create_output(OutputFile* file, const std::string& output, VelkctlError** error) {

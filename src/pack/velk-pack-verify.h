@@ -12,11 +12,15 @@ struct Signer {
 };
 
 /**
- * Check a package's signature against a keyring, as a device does, in one pass over the package.
+ * Check a package as a device does that verifies and imports it, in one pass over the package: its file's
+ * name, its signature against a keyring, whether that can be recorded, its manifest and its archive. What
+ * only the device can tell, or only unpacking shows, is left to it.
  *
  * @param keyring  a file of public keys in binary form, as devices have it
- * @param error    code 2 when it is not signed, or when no key of the keyring made the signature; code 10
- * when the keyring cannot be used; that of open_package_file
+ * @param error    code 2 when it is not signed, or when no key of the keyring made the signature, or when
+ * more than the signature stands at its place; code 29 for a rule of the manifest; code 1 for the archive;
+ * code 10 for the package's name, for a signature that is not armoured, and when the keyring cannot be used;
+ * that of open_package_file
  */
 [[nodiscard]] bool velk_pack_verify(const std::string& package, const std::string& keyring, Signer* signer,
                                     VelkctlError** error);

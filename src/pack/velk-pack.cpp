@@ -1,6 +1,5 @@
 #include <getopt.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "base/caller.h"
 #include "base/handles.h"
+#include "base/printable.h"
 #include "base/velkctl-error.h"
 #include "manifest/manifest.h"
 #include "pack/folder.h"
@@ -76,7 +77,7 @@ bool run_build(const Arguments& arguments, Answer* answer, VelkctlError** error)
                          error))
         return false;
     answer->text = "Packed " + std::to_string(result.entries) + " entries, " +
-                   sizes_text(result.content_size) + ", into " + result.path + ", " +
+                   sizes_text(result.content_size) + ", into " + printable(result.path) + ", " +
                    sizes_text(result.size) + "\n";
     answer->json.reset(json_pack("{s:o, s:o, s:o, s:o}", "package", json_text(result.path), "entries",
                                  json_number(result.entries), "contentSize", json_number(result.content_size),
@@ -85,7 +86,7 @@ bool run_build(const Arguments& arguments, Answer* answer, VelkctlError** error)
 }
 
 void answer_signed(const SignResult& result, Answer* answer) {
-    answer->text = "Signed " + result.path + ", " + sizes_text(result.size) + ", the signature " +
+    answer->text = "Signed " + printable(result.path) + ", " + sizes_text(result.size) + ", the signature " +
                    sizes_text(result.signature_size) + "\n";
     answer->json.reset(json_pack("{s:o, s:o, s:o}", "package", json_text(result.path), "size",
                                  json_number(result.size), "signatureSize",
@@ -127,7 +128,8 @@ bool run_verify(const Arguments& arguments, Answer* answer, VelkctlError** error
     if (!velk_pack_verify(package, arguments.value("keyring", ""), &signer, error))
         return false;
     answer->text =
-        "Good signature of " + package + " by " + signer.user + ", key " + signer.fingerprint + "\n";
+        printable("Good signature of " + package + " by " + signer.user + ", key " + signer.fingerprint) +
+        "\n";
     answer->json.reset(json_pack("{s:o, s:o, s:o, s:I}", "package", json_text(package), "fingerprint",
                                  json_text(signer.fingerprint), "user", json_text(signer.user), "time",
                                  static_cast<json_int_t>(signer.time)));
@@ -142,7 +144,7 @@ bool run_split(const Arguments& arguments, Answer* answer, VelkctlError** error)
     folder = arguments.value("output", folder + ".parts");
     if (!velk_pack_split(package, folder, error))
         return false;
-    answer->text = "Took " + package + " apart, into " + folder + "\n";
+    answer->text = printable("Took " + package + " apart, into " + folder) + "\n";
     answer->json.reset(json_pack("{s:o, s:o}", "package", json_text(package), "folder", json_text(folder)));
     return true;
 }
@@ -152,7 +154,8 @@ bool run_new(const Arguments& arguments, Answer* answer, VelkctlError** error) {
     const std::string folder = arguments.value("output", name);
     if (!velk_pack_new(name, arguments.value("language", "shell"), folder, error))
         return false;
-    answer->text = "Made the application " + name + " in " + folder + "; its README.md says what is next\n";
+    answer->text =
+        "Made the application " + name + " in " + printable(folder) + "; its README.md says what is next\n";
     answer->json.reset(json_pack("{s:o, s:o}", "application", json_text(name), "folder", json_text(folder)));
     return true;
 }
@@ -275,8 +278,13 @@ std::optional<int> parse_arguments(int argc, char** argv, const Command& command
 }
 
 void print_json(const JsonPtr& json) {
-    const std::unique_ptr<char, ReleaseWith<std::free>> text(json_dumps(json.get(), JSON_INDENT(2)));
-    std::printf("%s\n", text ? text.get() : "{}");
+    // In printed letters of ASCII alone nothing in it steers a terminal.
+    const std::unique_ptr<char, ReleaseWith<std::free>> dumped(
+        json_dumps(json.get(), JSON_INDENT(2) | JSON_ENSURE_ASCII));
+    std::string text = dumped ? dumped.get() : "{}";
+    for (size_t at = 0; (at = text.find('\x7f', at)) != std::string::npos;)
+        text.replace(at, 1, "\\u007f");
+    std::printf("%s\n", text.c_str());
 }
 
 /** The status of a failure: of a folder with findings that of the first. */
@@ -301,11 +309,11 @@ void report_failure_as_json(const Answer& answer, const ErrorSlot& error) {
 void report_failure(const Answer& answer, const ErrorSlot& error) {
     for (const Finding& finding : answer.findings) {
         const std::string key = finding.key.empty() ? "" : finding.key + ": ";
-        std::fprintf(stderr, "velk-pack: %s: %s%s\n", finding.file.c_str(), key.c_str(),
-                     finding.message.c_str());
+        std::fprintf(stderr, "velk-pack: %s\n",
+                     printable(finding.file + ": " + key + finding.message).c_str());
     }
     if (answer.findings.empty())
-        std::fprintf(stderr, "velk-pack: %s\n", error.message());
+        std::fprintf(stderr, "velk-pack: %s\n", printable(error.message()).c_str());
 }
 
 int run_command(const Command& command, int argc, char** argv) {
@@ -352,11 +360,11 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A program that ends while it is being fed is told by its status.
-    std::signal(SIGPIPE, SIG_IGN);
+    put_caller_right();
     const int status = run(argc, argv);
-    if ((std::ferror(stdout) != 0 || std::fflush(stdout) != 0) && status == EXIT_SUCCESS) {
-        std::fprintf(stderr, "velk-pack: standard output: %s\n", system_error_text().c_str());
+    const int reason = finish_standard_output();
+    if (reason != 0 && status == EXIT_SUCCESS) {
+        std::fprintf(stderr, "velk-pack: standard output: %s\n", system_error_text(reason).c_str());
         return VELKCTL_ERROR_GENERAL;
     }
     return status;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/names.h"
@@ -72,7 +73,8 @@ bool lockfile_create(const char* appname, VelkctlError** error) {
                           "lockfile_create", "appname");
         return false;
     }
-    if (!ensure_store_root(error) || !make_lock_directory(error))
+    // Nothing is changed yet: the last moment at which nothing is to be taken back.
+    if (fail_when_interrupted(error) || !ensure_store_root(error) || !make_lock_directory(error))
         return false;
     std::string temporary = std::string(paths::kLockFile) + "_XXXXXX" + kTemporaryEnding;
     const UniqueFd fd(mkostemps(temporary.data(), kTemporaryEndingLength, O_CLOEXEC));
@@ -138,7 +140,9 @@ void OperationLock::release() {
         lockfile_release();
 }
 
-bool is_set_up(const std::string& app) { return is_regular_file(paths::service_unit_path(app)); }
+bool is_set_up(const std::string& app) {
+    return is_regular_file(paths::service_unit_path(app)) && !owner_of_polling_service(app);
+}
 
 bool lock_app_for_operation(const std::string& app, const char* command, OperationLock* lock,
                             VelkctlError** error) {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "base/velkctl-error.h"
+#include "manifest/names.h"
 
 /*
  * The lock that keeps a second state-changing command away. It is a file whose content tells `velkctl clean`
@@ -10,14 +11,15 @@
  */
 
 /** Lock content of a command that leaves nothing to undo when it dies. */
-inline constexpr const char* NO_CLEAN_ON_FAILURE = "no_clean_on_failure";
+inline constexpr const char* NO_CLEAN_ON_FAILURE = NO_APP_NAME;
 
 /**
  * Take the lock, or take it one level deeper when this process holds it already.
  *
  * @param appname  what the file names; when the lock is held already the outermost name stays
  * @param error    code 12 "Another instance is already running, lock file exists: %s"; code 10 when the name
- * is null or empty, or when the lock cannot be made. Nothing is taken and no file is left then.
+ * is null or empty, when the lock cannot be made, or when the command is asked to end. Nothing is taken and
+ * no file is left then.
  */
 [[nodiscard]] bool lockfile_create(const char* appname, VelkctlError** error);
 
@@ -59,7 +61,8 @@ class OperationLock {
     int levels_ = 0;
 };
 
-/** Whether setup was done for the application: its service unit file exists as a regular file. */
+/** Whether setup was done for the application: its service unit file, and not another application's unit of
+ * that name, exists as a regular file. */
 [[nodiscard]] bool is_set_up(const std::string& app);
 
 /**

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/names.h"
@@ -75,6 +76,7 @@ static int remove_application(const std::string& app, VelkctlError** error) {
     OperationLock lock;
     if (!lock_app_not_set_up(app, "remove", &lock, error))
         return -1;
+    const Uninterrupted shield;  // half an application is of no use to anybody
     const StoreLocation* location = find_app_location(app, error);
     return location && remove_files(app, *location, error) ? 0 : -1;
 }

@@ -186,7 +186,9 @@ bool has_manifest(const std::string& path) {
     return load_manifest(path, not_readable) != nullptr;
 }
 
-bool is_legacy_app(const std::string& path) {
+bool holds_package_conf(const std::string& path) {
     ErrorSlot not_there;
-    return path_exists(path + "/package.conf", not_there) && !has_manifest(path);
+    return path_exists(path + "/package.conf", not_there);
 }
+
+bool is_legacy_app(const std::string& path) { return holds_package_conf(path) && !has_manifest(path); }

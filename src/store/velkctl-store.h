@@ -115,5 +115,8 @@ using PathFilter = std::function<bool(const std::string& path)>;
 /** Filter: a manifest can be read from the directory. */
 [[nodiscard]] bool has_manifest(const std::string& path);
 
+/** Filter: there is a package.conf. */
+[[nodiscard]] bool holds_package_conf(const std::string& path);
+
 /** Filter: no manifest can be read, but there is a package.conf: an application of the older package form. */
 [[nodiscard]] bool is_legacy_app(const std::string& path);

@@ -45,16 +45,29 @@ std::optional<std::string> vsf_state_in_text(const std::string& app, const std::
     return json_string_value(state);
 }
 
+static bool fail_to_write(const std::string& app, VelkctlError** error) {
+    return FAIL_GENERAL(error, "Failed to write required fields in VSF for application %s", app.c_str());
+}
+
+std::optional<std::string> require_vsf_text(const std::string& app, const std::string& signature,
+                                            VelkctlError** error) {
+    std::optional<std::string> text = vsf_text(signature);
+    if (!text)
+        (void)fail_to_write(app, error);
+    return text;
+}
+
+bool write_vsf(const std::string& app, const std::string& text, VelkctlError** error) {
+    ErrorSlot reason;
+    return write_file(vsf_path(app), text, reason) || fail_to_write(app, error);
+}
+
 bool create_vsf(const std::string& app, const std::string& signature, VelkctlError** error) {
     assert(error);
     if (!is_valid_app_name(app, error))
         return false;
-    const std::optional<std::string> text = vsf_text(signature);
-    ErrorSlot reason;
-    if (text && write_file(vsf_path(app), *text, reason))
-        return true;
-    SET_GENERAL_ERROR(error, "Failed to write required fields in VSF for application %s", app.c_str());
-    return false;
+    const std::optional<std::string> text = require_vsf_text(app, signature, error);
+    return text && write_vsf(app, *text, error);
 }
 
 bool vsf_exists(const std::string& app) {
@@ -63,6 +76,13 @@ bool vsf_exists(const std::string& app) {
 }
 
 bool remove_vsf(const std::string& app, VelkctlError** error) { return remove_file(vsf_path(app), error); }
+
+bool remove_vsf_of_unsigned(const std::string& app, VelkctlError** error) {
+    if (!vsf_exists(app))
+        return true;
+    log_warning("VSF existed for unsigned application package");
+    return remove_vsf(app, error);
+}
 
 std::optional<std::string> read_vsf_state(const std::string& app, VelkctlError** error) {
     if (!vsf_exists(app))

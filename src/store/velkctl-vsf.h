@@ -31,11 +31,23 @@
  */
 [[nodiscard]] bool create_vsf(const std::string& app, const std::string& signature, VelkctlError** error);
 
+/** vsf_text, whose absence is code 10 "Failed to write required fields in VSF for application %s". */
+[[nodiscard]] std::optional<std::string> require_vsf_text(const std::string& app,
+                                                          const std::string& signature, VelkctlError** error);
+
+/** Write the application's file with that text, or replace it; the same failure, an old file is then
+ * untouched. */
+[[nodiscard]] bool write_vsf(const std::string& app, const std::string& text, VelkctlError** error);
+
 /** Whether the application has a file. */
 [[nodiscard]] bool vsf_exists(const std::string& app);
 
 /** Delete the file; an absent one counts as deleted. Code 10 "Failed removing %s: %s". */
 [[nodiscard]] bool remove_vsf(const std::string& app, VelkctlError** error);
+
+/** Delete the file of an application whose package is unsigned, with a warning when there is one; as
+ * remove_vsf. */
+[[nodiscard]] bool remove_vsf_of_unsigned(const std::string& app, VelkctlError** error);
 
 /** The "state" of the application, empty when it has no file; nothing with code 10 when the file is broken.
  */

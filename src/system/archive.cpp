@@ -13,9 +13,12 @@
 #include <memory>
 #include <vector>
 
+#include "base/descriptors.h"
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/paths.h"
 #include "system/file.h"
+#include "system/subprocess.h"
 
 static constexpr size_t kMemberLimit = 16 << 20;
 static constexpr int kTarGarbageBehindData = 2;
@@ -74,44 +77,30 @@ struct TarResult {
     std::string output;
 };
 
-/** Read until the end or past the limit; false past the limit. */
-bool drain(int fd, std::string* output) {
-    char block[64 << 10];
-    while (output->size() <= kMemberLimit) {
-        const ssize_t got = read(fd, block, sizeof block);
-        if (got == 0 || (got < 0 && errno != EINTR))
-            return true;
-        if (got > 0)
-            output->append(block, static_cast<size_t>(got));
-    }
-    return false;
-}
-
 // Started with an argument vector and no shell: the archive's path is not limited to what a shell argument
 // may hold. tar's own words are dropped: they are noise where the next form of the name is tried, or where a
 // signature follows.
 std::optional<TarResult> run_tar(const std::string& archive, const std::string& member,
                                  VelkctlError** error) {
-    const char* arguments[] = {"tar", "-xOf", archive.c_str(), member.c_str(), nullptr};
-    const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
-                                                G_SPAWN_STDERR_TO_DEV_NULL);
-    GPid pid = 0;
-    int output_fd = -1;
     GErrorSlot reason;
-    if (!g_spawn_async_with_pipes(nullptr, const_cast<char**>(arguments), nullptr, flags, nullptr, nullptr,
-                                  &pid, nullptr, &output_fd, nullptr, reason.out())) {
+    const std::optional<StartedProgram> tar =
+        start_program({"tar", "-xOf", archive, member}, true, G_SPAWN_STDERR_TO_DEV_NULL, &reason);
+    if (!tar) {
         SET_GENERAL_ERROR(error, "Failed spawning a child process: %s", reason.message());
         return std::nullopt;
     }
-    const UniqueFd output(output_fd);
     TarResult result;
-    const bool within_limit = drain(output.get(), &result.output);
-    if (!within_limit)
-        kill(pid, SIGKILL);
+    const bool is_whole = read_all(tar->output.get(), &result.output, kMemberLimit);
+    if (!is_whole)
+        kill(tar->pid, SIGKILL);
     int status = 0;
-    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    if (!wait_for_child(tar->pid, &status)) {
+        SET_GENERAL_ERROR(error, "Failed running \"%s\": %s", "tar", system_error_text().c_str());
+        return std::nullopt;
     }
-    if (within_limit && WIFEXITED(status))
+    if (fail_when_child_interrupted(status, error))
+        return std::nullopt;
+    if (is_whole && WIFEXITED(status))
         result.status = WEXITSTATUS(status);
     return result;
 }
@@ -135,6 +124,8 @@ std::optional<std::string> read_tar_member(const std::string& archive, const std
     // With garbage behind it an empty member looks like none.
     const bool may_be_empty = !(garbage_expected && is_gzip(archive));
     for (const std::string& name : {member, "./" + member}) {
+        if (fail_when_interrupted(error))
+            return std::nullopt;
         std::optional<TarResult> result = run_tar(archive, name, error);
         if (!result)
             return std::nullopt;

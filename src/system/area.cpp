@@ -199,6 +199,22 @@ std::optional<AreaFile> find_area_file(const AreaDirectory& directory, const std
     return AreaFile(std::move(fd), directory.path_of(name));
 }
 
+std::optional<std::string> read_area_file(const AreaDirectory& directory, const std::string& name,
+                                          size_t longest) {
+    const std::optional<AreaFile> file = find_area_file(directory, name);
+    std::string text(file ? longest + 1 : 0, '\0');  // more than may be there, so that more is noticed
+    size_t length = 0;
+    ssize_t got = file ? 1 : 0;
+    while (got > 0 && length < text.size()) {
+        got = pread(file->fd(), text.data() + length, text.size() - length, static_cast<off_t>(length));
+        length += got > 0 ? static_cast<size_t>(got) : 0;
+    }
+    if (!file || got < 0 || length > longest)
+        return std::nullopt;
+    text.resize(length);
+    return text;
+}
+
 std::optional<AreaFile> make_area_file(const AreaDirectory& directory, const std::string& name,
                                        VelkctlError** error) {
     const std::string path = directory.path_of(name);

@@ -107,6 +107,7 @@ class AreaFile {
   public:
     AreaFile(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
 
+    [[nodiscard]] int fd() const { return fd_.get(); }
     [[nodiscard]] std::optional<struct stat> status() const;
     /** The path under which messages name it. */
     [[nodiscard]] const std::string& path() const { return path_; }
@@ -141,6 +142,10 @@ class AreaFile {
 
 /** The regular file `name` for reading, or nothing when there is none; a link is none. */
 [[nodiscard]] std::optional<AreaFile> find_area_file(const AreaDirectory& directory, const std::string& name);
+
+/** What is in the regular file `name`, or nothing when there is none or it is longer; a link is none. */
+[[nodiscard]] std::optional<std::string> read_area_file(const AreaDirectory& directory,
+                                                        const std::string& name, size_t longest);
 
 /** Make the file `name`, empty and root's own, to be filled through its access path. "Failed creating file
  * %s: %s", code 10, also when the name exists. */

@@ -10,10 +10,11 @@
 #include <climits>
 #include <memory>
 
+#include "base/descriptors.h"
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
-#include "base/write-all.h"
 #include "system/descent.h"
 #include "system/file.h"
 #include "system/tree.h"
@@ -30,6 +31,10 @@ constexpr mode_t kFileModes = 0777;
 bool copy_range(int from, int to, off_t begin, off_t end) {
     const auto block = std::make_unique<std::array<char, kBlock>>();
     while (begin < end) {
+        if (interruption_requested()) {
+            errno = EINTR;
+            return false;
+        }
         const auto wanted = static_cast<size_t>(std::min<off_t>(end - begin, kBlock));
         const ssize_t got = pread(from, block->data(), wanted, begin);
         if (got < 0 && errno == EINTR)
@@ -121,6 +126,10 @@ class Copier {
 
     bool enter(UniqueFd source, int directory, const std::string& name, bool is_last) {
         struct stat status {};
+        if (interruption_requested()) {
+            errno = EINTR;
+            return false;
+        }
         if (fstat(source.get(), &status) != 0 || mkdirat(directory, name.c_str(), 0700) != 0)
             return false;
         UniqueFd target(openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -233,6 +242,8 @@ class Copier {
 };
 
 bool fail_copying(const std::string& from, const std::string& to, int reason, VelkctlError** error) {
+    if (reason == EINTR && fail_when_interrupted(error))
+        return false;
     return FAIL_GENERAL(error, "Failed copying %s to %s: %s", from.c_str(), to.c_str(),
                         system_error_text(reason).c_str());
 }

@@ -1,8 +1,8 @@
 #include "system/script.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <grp.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sysexits.h>
@@ -13,9 +13,11 @@
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "system/file.h"
@@ -55,13 +57,14 @@ std::vector<int32_t> get_child_pids(pid_t pid) {
     return split_string_and_decode_pids(text.c_str());
 }
 
-static void kill_tree(pid_t pid, std::vector<pid_t>* killed) {
+/** Send the signal to the process and all its descendants, and tell which they were. */
+static void signal_tree(pid_t pid, int number, std::vector<pid_t>* reached) {
     for (const int32_t child : get_child_pids(pid))
         if (child > 0)  // a negative id would name a process group
-            kill_tree(child, killed);
-    log_info("Sending signal %d to process %jd", SIGKILL, static_cast<intmax_t>(pid));
-    kill(pid, SIGKILL);
-    killed->push_back(pid);
+            signal_tree(child, number, reached);
+    log_info("Sending signal %d to process %jd", number, static_cast<intmax_t>(pid));
+    kill(pid, number);
+    reached->push_back(pid);
 }
 
 /** Whether the process still runs; one that only waits for its parent to notice its end does not. */
@@ -81,7 +84,7 @@ static void await_death(const std::vector<pid_t>& killed) {
 
 void kill_process_tree(pid_t pid) {
     std::vector<pid_t> killed;
-    kill_tree(pid, &killed);
+    signal_tree(pid, SIGKILL, &killed);
     await_death(killed);
 }
 
@@ -103,6 +106,13 @@ static bool become_user(const UserEntry& user) {
     return true;
 }
 
+// A script is not to sit at root's terminal: whoever shares a terminal's session can type into it, and what
+// is typed is read by root's shell.
+static bool leave_terminal() {
+    const UniqueFd nothing(open(paths::kNullDevice, O_RDONLY | O_CLOEXEC));
+    return setsid() != -1 && nothing && dup2(nothing.get(), STDIN_FILENO) == STDIN_FILENO;
+}
+
 /** What the child does between fork and its end; returns its exit status. */
 static int run_in_child(const std::string& path, const std::string& directory, const std::string& user_name,
                         bool exec_directly) {
@@ -110,6 +120,10 @@ static int run_in_child(const std::string& path, const std::string& directory, c
     const std::optional<UserEntry> user = find_user(user_name, error);
     if (!user) {
         warn_and_clear_error(error, nullptr);
+        return EX_OSERR;
+    }
+    if (!leave_terminal()) {
+        log_warning("Failed to leave the terminal: %s", system_error_text().c_str());
         return EX_OSERR;
     }
     if (!become_user(*user))
@@ -135,6 +149,32 @@ static int64_t elapsed_ms(const timespec& start) {
 
 bool is_over_time(int64_t elapsed_ms, int32_t timeout_s) { return elapsed_ms > int64_t{timeout_s} * 1000; }
 
+/**
+ * Fork with nothing of the interruptions in the child: they reach it from here only, since it has no
+ * terminal. No signal may come in between, before the child has forgotten what its parent does with it.
+ */
+static pid_t fork_for_script() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        forget_interruptions();
+        std::signal(SIGPIPE, SIG_DFL);  // which talking on the bus lets be ignored
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return pid;
+}
+
+/** Hand the signal that the command was sent on to the script, and end it when it does not end of that. */
+static void interrupt(pid_t pid) {
+    std::vector<pid_t> reached;
+    signal_tree(pid, kept_signal(), &reached);
+    await_death(reached);
+    kill_process_tree(pid);
+}
+
 /** Wait for the child, killing it and its descendants when it takes too long. */
 static bool await_child(pid_t pid, const std::string& script, int32_t timeout_s, int* status,
                         VelkctlError** error) {
@@ -148,6 +188,10 @@ static bool await_child(pid_t pid, const std::string& script, int32_t timeout_s,
             SET_GENERAL_ERROR(error, "Error waiting for child %s: %s", script.c_str(),
                               system_error_text().c_str());
             return false;
+        }
+        if (interruption_requested()) {
+            interrupt(pid);
+            return !fail_when_interrupted(error);
         }
         if (is_over_time(elapsed_ms(start), timeout_s)) {
             kill_process_tree(pid);
@@ -193,7 +237,9 @@ bool run_script_as_user(const std::string& script, const std::string& directory,
     }
     if (!check_permissions(path, S_IRUSR | S_IXUSR, false, error))
         return false;
-    const pid_t pid = fork();
+    if (fail_when_interrupted(error))
+        return false;
+    const pid_t pid = fork_for_script();
     if (pid == -1) {
         SET_GENERAL_ERROR(error, "Failed to fork when running %s", script.c_str());
         return false;

@@ -19,7 +19,9 @@ struct ScriptRunOptions {
 
 /**
  * Run an application's own script as `user`, with that user's groups and nothing left of root, in the
- * application's directory. When it takes longer than the time-out, it and all its descendants are killed.
+ * application's directory. It has a session of its own, without a terminal, and reads from the null device.
+ * When it takes longer than the time-out, it and all its descendants are killed. When the command is asked to
+ * end, they are sent the same signal, and are killed a second later.
  *
  * @param script     path relative to the directory, as the manifest gives it
  * @param directory  the application directory

@@ -5,17 +5,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <string_view>
 
+#include "base/descriptors.h"
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/paths.h"
 #include "system/regex.h"
 
-/** What a command can say is kept up to here; an archive can make tar say gigabytes. */
-static constexpr size_t kOutputLimit = 1 << 20;
-static constexpr size_t kOutputBlock = 64 << 10;
+/** So much of what a command says is kept, of its start and its end; an archive can make tar say gigabytes,
+ * and the reason why it ended stands last. */
+static constexpr size_t kOutputStart = 1 << 20;
+static constexpr size_t kOutputEnd = 64 << 10;
+/** What would change the numbers that programs print. */
+static constexpr const char* kUnitVariables[] = {"BLOCKSIZE", "BLOCK_SIZE", "DU_BLOCK_SIZE",
+                                                 "POSIXLY_CORRECT"};
 
 int check_shell_arguments(ShellArguments arguments, VelkctlError** error) {
     for (const char* argument : arguments) {
@@ -74,7 +79,7 @@ static int run_line(std::string* output, VelkctlError** error, const char* forma
     if (check_shell_arguments(arguments, error) != 0)
         return -1;
     const std::string line = format_line(format, arguments);
-    if (check_tar_flags(line, error) != 0)
+    if (check_tar_flags(line, error) != 0 || fail_when_interrupted(error))
         return -1;
     ErrorSlot spawn_error;
     const int status = spawn_and_wait({paths::kShell, "-c", line}, output, spawn_error);
@@ -110,41 +115,53 @@ static GSpawnFlags spawn_flags() {
                                     (quick ? G_SPAWN_LEAVE_DESCRIPTORS_OPEN : 0));
 }
 
-/** What comes out of a pipe up to its end; only the start of it is kept when there is very much. */
-static std::string read_start(int fd) {
-    std::string kept;
-    std::vector<char> block(kOutputBlock);
-    while (true) {
-        const ssize_t got = read(fd, block.data(), block.size());
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return kept;
-        kept.append(block.data(), std::min(static_cast<size_t>(got), kOutputLimit - kept.size()));
-    }
+/** The environment for a program whose words are read by a program. */
+static GStringVectorPtr environment_for_reading() {
+    GStringVectorPtr environment(g_environ_setenv(g_get_environ(), "LC_ALL", "C", TRUE));
+    for (const char* name : kUnitVariables)
+        environment.reset(g_environ_unsetenv(environment.release(), name));
+    return environment;
 }
 
-int spawn_and_wait(const std::vector<std::string>& arguments, std::string* output, VelkctlError** error) {
+std::optional<StartedProgram> start_program(const std::vector<std::string>& arguments, bool has_output,
+                                            GSpawnFlags flags, GErrorSlot* reason) {
     std::vector<char*> vector;
     vector.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments)
         vector.push_back(const_cast<char*>(argument.c_str()));  // GLib's vector type is not const, its use is
     vector.push_back(nullptr);
-
+    const GStringVectorPtr environment = has_output ? environment_for_reading() : nullptr;
     GPid pid = 0;
-    int output_fd = -1;
+    int output = -1;
+    const StartShielded shield;
+    if (!g_spawn_async_with_pipes(nullptr, vector.data(), environment.get(),
+                                  static_cast<GSpawnFlags>(spawn_flags() | flags), nullptr, nullptr, &pid,
+                                  nullptr, has_output ? &output : nullptr, nullptr, reason->out()))
+        return std::nullopt;
+    pass_on_to(pid);
+    return StartedProgram{pid, UniqueFd(output)};
+}
+
+int spawn_and_wait(const std::vector<std::string>& arguments, std::string* output, VelkctlError** error) {
     GErrorSlot reason;
-    if (!g_spawn_async_with_pipes(nullptr, vector.data(), nullptr, spawn_flags(), nullptr, nullptr, &pid,
-                                  nullptr, output ? &output_fd : nullptr, nullptr, reason.out())) {
+    const std::optional<StartedProgram> program =
+        start_program(arguments, output != nullptr, G_SPAWN_DEFAULT, &reason);
+    if (!program) {
         SET_GENERAL_ERROR(error, "Failed running \"%s\": %s", arguments.front().c_str(), reason.message());
         return -1;
     }
-    const UniqueFd pipe(output_fd);
-    if (output)
-        *output = read_start(pipe.get());
+    const bool is_read = !output || read_ends(program->output.get(), output, kOutputStart, kOutputEnd);
+    const int read_errno = errno;
     int status = 0;
-    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    const bool is_known = wait_for_child(program->pid, &status);
+    // Whoever cannot tell how it ended must not say that all went well.
+    if (!is_known || !is_read) {
+        SET_GENERAL_ERROR(error, "Failed running \"%s\": %s", arguments.front().c_str(),
+                          system_error_text(is_known ? read_errno : errno).c_str());
+        return -1;
     }
+    if (fail_when_child_interrupted(status, error))
+        return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "system/descent.h"
@@ -263,6 +264,7 @@ class Removal {
 
 bool remove_recursive_at(int directory, const std::string& name, const std::string& path,
                          VelkctlError** error) {
+    const Uninterrupted shield;  // half of a tree is of no use to anybody
     struct stat status {};
     if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(status.st_mode) ||
         Removal(directory, name).run())

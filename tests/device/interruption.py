@@ -39,8 +39,6 @@ TEMPORARY = {
 }
 # ... and these until the application is imported again.
 UNTIL_NEXT = {
-    # Written before the lock is taken, and deleted only with an application that the store has.
-    rf"{STATES}/App ": "a verification state",
     # Clean looks for an application that is being unpacked in the store's root only.
     rf"({CARD}|{CARD2})/App\.tmp[ /]": "files on the card",
 }

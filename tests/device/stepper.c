@@ -1,8 +1,9 @@
 /*
  * velk-step: run a command and end, fail, hold or merely count it at the system calls that change something.
  *
- *   velk-step [--log FILE] [--without-sync] [--kill N | --fail N | --hold-when PATH] [--cut DIRECTORY]...
- * COMMAND [ARGUMENT...]
+ *   velk-step [--log FILE] [--without-sync] [--kill N | --fail N | --hold-when PATH | --signal S --at N
+ * [--group]]
+ *             [--cut DIRECTORY]... COMMAND [ARGUMENT...]
  *
  * Every process and thread that the command starts is followed. The calls that change something (a file, its
  * attributes, a mount, another process; a message to a service; and what presses all that to the disk) are
@@ -14,6 +15,9 @@
  * that is killed loses nothing of what it wrote, and sync(2) waits for every disk of the machine
  *   --kill N         SIGKILL to all of it before the N-th; none of them changes anything any more
  *   --fail N         the N-th is not carried out and answers its caller "Input/output error"
+ *   --signal S --at N
+ *                    the signal of number S to the command itself before the N-th
+ *   --group          to the whole process group that the command then leads, as a terminal does it
  *   --hold-when PATH stop at the first for which PATH exists ("held" in the log), until a byte or the end of
  * standard input comes; the command's own standard input is /dev/null
  *   --cut DIRECTORY  at the kill, or else when the command has ended: shut the ext4 file system there down,
@@ -23,9 +27,9 @@
  * velk-step's own.
  */
 #define _GNU_SOURCE
+#include <elf.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <elf.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/fs.h>
@@ -155,6 +159,9 @@ static struct {
     int without_sync;
     long kill_at;
     long fail_at;
+    long signal;
+    long signal_at;
+    int to_group;
     const char* hold_when;
     const char* cuts[MAX_CUTS];
     int cut_count;
@@ -220,6 +227,9 @@ static _Noreturn void run_command(char** argv, int start) {
     const int nothing = open("/dev/null", O_RDONLY);
     if (nothing < 0 || dup2(nothing, STDIN_FILENO) < 0) {
         give_up("cannot open /dev/null");
+    }
+    if (settings.to_group && setpgid(0, 0) != 0) {
+        give_up("cannot lead a process group");
     }
     install_filter();
     execvp(*argv, argv);
@@ -389,6 +399,8 @@ static void look_at_call(pid_t task) {
     if (state.passed == settings.kill_at) {
         cut_power();
         kill_all();
+    } else if (state.passed == settings.signal_at) {
+        kill(settings.to_group ? -state.command : state.command, (int)settings.signal);
     } else if (state.passed == settings.fail_at) {
         fail_call(task);
     } else if (settings.hold_when != NULL && !state.held && access(settings.hold_when, F_OK) == 0) {
@@ -481,6 +493,8 @@ static char** parse(char** argv) {
     for (argv++; *argv != NULL && strncmp(*argv, "--", 2) == 0; argv++) {
         if (strcmp(*argv, "--without-sync") == 0) {
             settings.without_sync = 1;
+        } else if (strcmp(*argv, "--group") == 0) {
+            settings.to_group = 1;
         } else if (argv[1] == NULL) {
             return NULL;
         } else if (strcmp(*argv, "--log") == 0) {
@@ -492,6 +506,10 @@ static char** parse(char** argv) {
             settings.kill_at = strtol(*++argv, NULL, 10);
         } else if (strcmp(*argv, "--fail") == 0) {
             settings.fail_at = strtol(*++argv, NULL, 10);
+        } else if (strcmp(*argv, "--signal") == 0) {
+            settings.signal = strtol(*++argv, NULL, 10);
+        } else if (strcmp(*argv, "--at") == 0) {
+            settings.signal_at = strtol(*++argv, NULL, 10);
         } else if (strcmp(*argv, "--hold-when") == 0) {
             settings.hold_when = *++argv;
         } else if (strcmp(*argv, "--cut") == 0 && settings.cut_count < MAX_CUTS) {
@@ -508,7 +526,7 @@ int main(int argc, char** argv) {
     if (command == NULL) {
         fprintf(stderr,
                 "usage: velk-step [--log FILE] [--without-sync] [--kill N | --fail N | --hold-when "
-                "PATH] [--cut DIRECTORY]... COMMAND [ARGUMENT...]\n");
+                "PATH | --signal S --at N [--group]] [--cut DIRECTORY]... COMMAND [ARGUMENT...]\n");
         return TROUBLE;
     }
     start(command);

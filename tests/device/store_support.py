@@ -205,6 +205,10 @@ def refused_signatures(data: bytes) -> dict[str, tuple[bytes, tuple[int, str]]]:
         "text before the signature's last line": (
             package.append_signature(data, signature.replace(b"-----END", b"more\n-----END")), NOT_OPENPGP),
         "text in front of the signature": (package.append_signature(data, b"more\n" + signature), NOT_OPENPGP),
+        "text between blank lines in front of the signature": (
+            package.append_signature(data, b"\n\nmore\n\n" + signature), NOT_OPENPGP),
+        "text behind an empty header": (
+            package.append_signature(data, signature.replace(b"-----\n\n", b"-----\nComment:\n\nmore text\n\n", 1)), NOT_OPENPGP),
         "very many blank lines behind the signature": (
             package.append_signature(data, signature + b"\n" * (1 << 20)), NOT_OPENPGP),
         "a comment of a megabyte in the signature": (

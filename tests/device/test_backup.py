@@ -238,14 +238,17 @@ def test_an_application_that_is_only_stored_is_saved_but_takes_nothing_back(samp
 def test_an_application_in_a_layer_that_is_not_mounted_is_saved_from_its_layer(sample: Device) -> None:
     sample.write(f"{LAYERS}/Bare/upper/conf/Bare.conf", "[Bare]\n")
     sample.write(f"{LAYERS}/Bare/upper/localdata/note", "one\n")
-    sample.sh(f"ln -s {LAYERS}/Bare/upper {STORE}/Bare").check()
+    sample.sh(f"mkdir {STORE}/Bare; echo other >{STORE}/Bare/localdata").check()
+    # The unit of its mount tells that it is kept there.
+    unit = "/etc/systemd/system/usr-local-packages-Bare.mount"
+    sample.write(unit, f"[Mount]\nOptions=lowerdir={LAYERS}/Bare/lower,upperdir={LAYERS}/Bare/upper\n")
     try:
         assert velkctl(sample, "backup", "Bare") == (0, "", "Backed up application Bare\n")
         assert look(sample, f"{BACKUPS}/Bare") == below(f"{BACKUPS}/Bare", {
             "": "d 755 root:root ", "Bare.conf": "f 644 root:root [Bare]|", "localdata": "d 755 root:root ",
             "localdata/note": "f 644 root:root one|"})  # fmt: skip
     finally:
-        sample.sh(f"rm -r {STORE}/Bare {LAYERS}/Bare").check()
+        sample.sh(f"rm -r {STORE}/Bare {LAYERS}/Bare {unit}").check()
 
 
 def test_a_running_application_is_left_alone(saved: Device) -> None:

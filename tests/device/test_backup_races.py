@@ -34,6 +34,9 @@ def as_user(device: Device, script: str) -> None:
     device.run(["su", "-s", "/bin/sh", "-c", f"cd {SAMPLE}; {script}", USER]).check()
 
 
+# What runs as the application's user ends when the work begins, so somebody else races in its place.
+
+
 def rounds(full: bool, few: int, many: int) -> range:
     return range(many if full else few)
 
@@ -45,7 +48,7 @@ def test_a_backup_holds_nothing_from_behind_a_directory_exchanged_for_a_link(rac
     """)  # fmt: skip
     pairs = [path for i in range(1, 41) for path in (f"{SAMPLE}/localdata/d{i}", f"{SAMPLE}/out/d{i}")]
     exchanged = 0
-    with racer.exchange(racing, *pairs, user=USER, seconds=600) as race:
+    with racer.exchange(racing, *pairs, seconds=600) as race:
         for _ in rounds(full, 12, 600):
             assert racing.velkctl("backup", "Sample").status == 0
             found = racing.sh(f"grep -rl secret {SAVED}/localdata || true").check().stdout
@@ -57,7 +60,7 @@ def test_a_backup_holds_nothing_from_behind_a_directory_exchanged_for_a_link(rac
 def test_a_backup_holds_nothing_of_a_file_exchanged_for_a_link(racing: Device, full: bool) -> None:
     as_user(racing, f"cd localdata; echo own >f; ln -s {OUTSIDE}/secret link; ln -s {OUTSIDE}/secret ../conf/link")
     pairs = [f"{SAMPLE}/localdata/f", f"{SAMPLE}/localdata/link", f"{SAMPLE}/conf/Sample.conf", f"{SAMPLE}/conf/link"]
-    with racer.exchange(racing, *pairs, user=USER, seconds=600) as race:
+    with racer.exchange(racing, *pairs, seconds=600) as race:
         for _ in rounds(full, 15, 600):
             result = racing.velkctl("backup", "Sample")
             # A link may be met where the settings were when they were looked at.
@@ -74,7 +77,7 @@ def test_a_restore_writes_and_gives_away_nothing_outside(racing: Device, full: b
     before = look_at(racing, OUTSIDE)
     raced = 0
     for _ in rounds(full, 10, 300):
-        with racer.exchange(racing, f"{SAMPLE}/localdata.tmp", f"{SAMPLE}/out", user=USER, seconds=60) as race:
+        with racer.exchange(racing, f"{SAMPLE}/localdata.tmp", f"{SAMPLE}/out", seconds=60) as race:
             racing.velkctl("restore", "Sample")
         raced += race.exchanged
         assert look_at(racing, OUTSIDE) == before
@@ -89,7 +92,7 @@ def test_a_restore_gives_away_nothing_by_way_of_its_temporary_settings(racing: D
     raced = 0
     for _ in rounds(full, 10, 300):
         names = [f"{SAMPLE}/conf/Sample.conf.tmp", f"{SAMPLE}/conf/link"]
-        with racer.exchange(racing, *names, user=USER, seconds=60) as race:
+        with racer.exchange(racing, *names, seconds=60) as race:
             racing.velkctl("restore", "Sample")
         raced += race.exchanged
         assert look_at(racing, OUTSIDE) == before

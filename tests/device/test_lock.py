@@ -115,7 +115,7 @@ def test_a_command_at_work_keeps_every_other_one_away(device: Device, blocked_su
     assert (process.returncode, log.decode()) == IMPORTED
     assert not device.exists(LOCK)
     assert device.sh(f"ls -A {STORE}/_lock").stdout == ""
-    device.sh("rm -f /etc/velk/vsf/Other")
+    assert not device.exists("/etc/velk/vsf/Other")
 
 
 def test_the_lock_directory_is_made_anew_for_root_only(device: Device, run_import: Import) -> None:

@@ -91,6 +91,14 @@ def test_a_name_of_32_characters_in_the_amend_list_is_fine(device: Device, amend
     assert verify(device, "sdk", "sdk") == allowed("sdk", "sdk")
 
 
+def test_an_amend_list_of_other_line_ends_takes_names_back(device: Device, amend: Callable[[str], None]) -> None:
+    amend("DenyUsers games mpd\r\nDenyGroups video\r\n")
+    assert verify(device, "games", "sdk") == refused("games", "sdk")
+    assert verify(device, "mpd", "sdk") == refused("mpd", "sdk")
+    assert verify(device, "sdk", "video") == refused("sdk", "video")
+    assert verify(device, "sdk", "sdk") == allowed("sdk", "sdk")
+
+
 # --- json-validate ---
 
 

@@ -101,8 +101,8 @@ def test_a_full_disk_or_a_bad_name_leaves_the_unsigned_package(package: Path, ho
 
 def test_a_signature_without_an_archive_is_no_package(here: Path, key: Key) -> None:
     (here / "x.vlp").write_bytes(b"x" * 20 + struct.pack(">II", 20, 1) + MAGIC)
-    none = Answer(1, "", "velk-pack: x.vlp: holds no archive\n")
-    assert pack("split", "x.vlp") == pack("verify", "x.vlp", "--keyring", key.keyring) == none
+    assert pack("split", "x.vlp") == Answer(1, "", "velk-pack: x.vlp: holds no archive\n")
+    assert pack("verify", "x.vlp", "--keyring", key.keyring).status == 2
     with (here / "x.vlp").open("wb") as package:
         package.truncate(0x80000000)
         package.seek(0, os.SEEK_END)
@@ -112,7 +112,7 @@ def test_a_signature_without_an_archive_is_no_package(here: Path, key: Key) -> N
 
 @pytest.mark.parametrize("command", ["sign", "attach", "verify", "split", "info"])
 def test_what_is_no_package_is_refused_by_every_command(here: Path, key: Key, command: str) -> None:
-    (here / "sig").write_text("-----BEGIN PGP SIGNATURE-----\n")
+    (here / "sig").write_bytes(key.gpg("--armor", "--detach-sign", data=b"x"))
     more = {"sign": ["--key", "x"], "attach": ["sig"], "verify": ["--keyring", str(key.keyring)]}.get(command, [])
     environment = {**os.environ, "GNUPGHOME": str(key.home)}
     (here / "small").write_text("x" * 15)
@@ -275,7 +275,7 @@ def test_a_package_cannot_steer_the_terminal(here: Path) -> None:
     answer = pack("info", "x.vlp")
     assert answer.status == 0
     assert "\x1b" not in answer.stdout
-    assert "a?]0;title?b" in answer.stdout
+    assert "a\\x1b]0;title\\x07b" in answer.stdout
 
 
 def test_info_of_a_plain_package_with_every_kind_of_member(here: Path) -> None:
@@ -294,7 +294,7 @@ def test_info_of_a_plain_package_with_every_kind_of_member(here: Path) -> None:
     assert re.search(r"^  firmware      .*11\.0.*12\.0", answer.stdout, re.MULTILINE)
     assert re.search(r"^  archive       \d+ bytes, plain$", answer.stdout, re.MULTILINE)
     listed = [line.split()[::2] for line in answer.stdout.splitlines() if line.startswith("    ")]
-    assert [("-rw-r--r--", "hard"), ("?rw-r--r--", "pipe"), ("drw-r--r--", "del?")] == [tuple(e) for e in listed[2:]]
+    assert [("-rw-r--r--", "hard"), ("?rw-r--r--", "pipe"), ("drw-r--r--", "del\\x7f")] == [tuple(e) for e in listed[2:]]
     assert json.loads(pack("info", "x.vlp", "--json").stdout)["compression"] == "none"
 
 

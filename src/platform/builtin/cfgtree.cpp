@@ -1,5 +1,7 @@
 #include "platform/libcfgtree.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -14,6 +16,8 @@
 #include "platform/libfilesync.h"
 
 namespace {
+
+constexpr off_t LARGEST_FILE = 1 << 20;
 
 bool is_word(std::string_view text) {
     for (const char character : text)
@@ -63,6 +67,23 @@ std::optional<std::string> parse_group(const std::string& text) {
     return group && depth == 0 && nothing_follows ? group : std::nullopt;
 }
 
+/** The text of a group file: of a regular file of sensible size, and nothing else is waited for. */
+std::optional<std::string> read_group_file(const char* path) {
+    const UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > LARGEST_FILE)
+        return std::nullopt;
+    std::string text(static_cast<size_t>(status.st_size), '\0');
+    size_t length = 0;
+    while (length < text.size()) {
+        const ssize_t got = read(fd.get(), text.data() + length, text.size() - length);
+        if (got <= 0)
+            return std::nullopt;
+        length += static_cast<size_t>(got);
+    }
+    return text;
+}
+
 /** Where a loaded group is kept. Group names begin with a capital, however the caller writes them. */
 std::string group_path(std::string name) {
     name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
@@ -81,13 +102,9 @@ bool keep_group(const std::string& name, const std::string& text) {
 void legacy_cli_resetOptions() {}
 
 void cli_readGroupFile(const char* path, bool* failed) {
-    char* contents = nullptr;
-    gsize length = 0;
-    const bool read = g_file_get_contents(path, &contents, &length, nullptr);
-    const GStringPtr owner(contents);
-    const std::string text = read ? std::string(contents, length) : std::string();
-    const std::optional<std::string> name = parse_group(text);
-    if (!name || !keep_group(*name, text))
+    const std::optional<std::string> text = read_group_file(path);
+    const std::optional<std::string> name = text ? parse_group(*text) : std::nullopt;
+    if (!name || !keep_group(*name, *text))
         *failed = true;
 }
 

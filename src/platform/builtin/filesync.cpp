@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/descriptors.h"
 #include "base/handles.h"
-#include "base/write-all.h"
 
 static bool fail(GError** error, const char* operation, const std::string& path) {
     const int number = errno;

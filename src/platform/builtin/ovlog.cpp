@@ -5,31 +5,19 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <string>
 
-// A message can carry texts from a package: a line feed in one must not forge a log line of its own.
-static std::string one_line(const char* message) {
-    std::string line;
-    for (const char* next = message; *next != '\0'; next++) {
-        const auto byte = static_cast<unsigned char>(*next);
-        if (byte >= 0x20 && byte != 0x7f) {
-            line += *next;
-            continue;
-        }
-        char escaped[5];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-        line += escaped;
-    }
-    return line;
-}
+#include "base/printable.h"
+
+// A message can carry texts from a package: none of them may forge a log line of its own or steer a terminal.
+static std::string one_line(const char* message) { return message ? printable(message) : ""; }
 
 static bool is_debug(GLogLevelFlags level) { return (level & G_LOG_LEVEL_MASK) == G_LOG_LEVEL_DEBUG; }
 
 static void write_to_fd(const char*, GLogLevelFlags level, const char* message, void* data) {
     if (is_debug(level))
         return;
-    const std::string line = one_line(message ? message : "") + "\n";
+    const std::string line = one_line(message) + "\n";
     const int fd = GPOINTER_TO_INT(data);
     size_t done = 0;
     while (done < line.size()) {
@@ -61,7 +49,7 @@ static int syslog_priority(GLogLevelFlags level) {
 
 static void write_to_syslog(const char*, GLogLevelFlags level, const char* message, void*) {
     if (!is_debug(level))
-        syslog(syslog_priority(level), "%s", one_line(message ? message : "").c_str());
+        syslog(syslog_priority(level), "%s", one_line(message).c_str());
 }
 
 static void discard(const char*, GLogLevelFlags, const char*, void*) {}

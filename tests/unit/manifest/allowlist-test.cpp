@@ -48,10 +48,24 @@ TEST(Allowlist, AnAmendListIsReadLineByLineAndNameByName) {
 }
 
 TEST(Allowlist, OnlyBlanksSeparateNames) {
-    EXPECT_EQ(parsed("DenyUsers a\tb\r\n"), (AmendList{{"a\tb\r"}, {}}));
+    EXPECT_EQ(parsed("DenyUsers a\tb\n"), (AmendList{{"a\tb"}, {}}));
     EXPECT_EQ(refused("DenyUsers\ta"),
               "10 src/manifest/allowlist.cpp:N: Failed to parse amend-list: Not allowed label 'DenyUsers\ta' "
               "in list");
+}
+
+TEST(Allowlist, ALineMayEndInACarriageReturnToo) {
+    EXPECT_EQ(parsed("DenyUsers a\r\nDenyGroups b c\r\n\r\n \r\n# d\r\n"), (AmendList{{"a"}, {"b", "c"}}));
+    EXPECT_EQ(parsed("DenyUsers a\r"), (AmendList{{"a"}, {}}));
+    EXPECT_EQ(parsed("DenyUsers a \r\nDenyUsers\r\n"), (AmendList{{"a"}, {}}));
+    const std::string longest(32, 'n');
+    EXPECT_EQ(parsed("DenyUsers " + longest + "\r\n"), (AmendList{{longest}, {}}));
+}
+
+TEST(Allowlist, ACarriageReturnElsewhereIsPartOfAName) {
+    EXPECT_EQ(parsed("DenyUsers a\rb\n"), (AmendList{{"a\rb"}, {}}));
+    EXPECT_EQ(parsed("DenyUsers a\r b\r\r\n"), (AmendList{{"a\r", "b\r"}, {}}));
+    EXPECT_EQ(parsed("DenyUsers a\r# b\r\n"), (AmendList{{"a\r"}, {}}));
 }
 
 TEST(Allowlist, AnUnknownLabelEndsTheReading) {

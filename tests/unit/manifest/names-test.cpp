@@ -20,7 +20,8 @@ TEST(Names, AnApplicationNameIsALetterAndUpTo99WordCharactersAndHyphens) {
     for (const std::string& name :
          {std::string(), std::string("1app"), std::string("_app"), std::string("-app"), std::string("my app"),
           std::string("app\n"), std::string("app\0", 4), std::string("app."), std::string("a/b"),
-          std::string("\xc3\xa9t\xc3\xa9"), std::string("appl\xe9"), "a" + std::string(100, 'b')})
+          std::string("\xc3\xa9t\xc3\xa9"), std::string("appl\xe9"), "a" + std::string(100, 'b'),
+          std::string("no_clean_on_failure")})
         EXPECT_EQ(check_name(name), "10 Character sequence in application name is not allowed") << name;
 }
 

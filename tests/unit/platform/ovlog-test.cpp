@@ -67,6 +67,15 @@ TEST(LogSinkToDescriptor, KeepsAMessageOnOneLine) {
     EXPECT_EQ(log.text(), "one\\x0acode 0: forged\\x0d\\x09\\x1b[2J\\x7f\n");
 }
 
+TEST(LogSinkToDescriptor, LetsNoMessageSteerATerminal) {
+    const test::LogCapture log;
+    log_warning(
+        "a\xc2\x9b"
+        "2J \xe2\x80\xae"
+        "gpj \x9b");
+    EXPECT_EQ(log.text(), "a\\xc2\\x9b2J \\xe2\\x80\\xaegpj \\x9b\n");
+}
+
 TEST(LogSinkToDescriptor, LeavesLettersOutsideAsciiAlone) {
     const test::LogCapture log;
     log_info("%s", "Kamera f\xc3\xbcr T\xc3\xbcren");

@@ -1,11 +1,13 @@
 #include "system/subprocess.h"
 
+#include <glib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 
 #include "support.h"
@@ -162,13 +164,40 @@ TEST(RunCommandWithOutput, TakesMoreThanAPipeHolds) {
     EXPECT_EQ(output, std::string(300'000, 'x'));
 }
 
-TEST(SpawnAndWait, KeepsTheFirstMebibyteOfVeryMuchOutput) {
+TEST(SpawnAndWait, KeepsTheStartAndTheEndOfVeryMuchOutput) {
     ErrorSlot error;
     std::string output;
-    const std::vector<std::string> command = {"sh", "-c", "printf start; head -c 5000000 /dev/zero; exit 3"};
+    const std::vector<std::string> command = {"sh", "-c",
+                                              "printf start; head -c 5000000 /dev/zero; printf end; exit 3"};
     EXPECT_EQ(spawn_and_wait(command, &output, error), 3);
-    EXPECT_EQ(output.size(), size_t{1} << 20);
+    EXPECT_EQ(output.size(), (size_t{1} << 20) + (64 << 10));
     EXPECT_TRUE(output.starts_with("start"));
+    EXPECT_TRUE(output.ends_with("end"));
+}
+
+TEST(SpawnAndWait, LetsWhatIsReadBeSaidInEnglishAndInPlainUnits) {
+    ErrorSlot error;
+    std::string output;
+    g_setenv("LC_ALL", "de_DE.UTF-8", TRUE);
+    g_setenv("BLOCK_SIZE", "1", TRUE);
+    const std::vector<std::string> command = {"sh", "-c", "echo $LC_ALL ${BLOCK_SIZE-none}"};
+    EXPECT_EQ(spawn_and_wait(command, &output, error), 0);
+    g_unsetenv("LC_ALL");
+    g_unsetenv("BLOCK_SIZE");
+    EXPECT_EQ(output, "C none\n");
+}
+
+TEST(SpawnAndWait, FailsWhenNobodyCanTellHowAProgramEnded) {
+    ErrorSlot error;
+    std::string output;
+    std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(spawn_and_wait({"true"}, nullptr, error), -1);
+    EXPECT_EQ(describe(error), "10 src/system/subprocess.cpp:N: Failed running \"true\": No child processes");
+    error.clear();
+    EXPECT_EQ(run_command_with_output(&output, error, "echo '%s'", {"a-b"}), -1);
+    std::signal(SIGCHLD, SIG_DFL);
+    EXPECT_EQ(describe(error),
+              "10 src/system/subprocess.cpp:N: Failed running \"/bin/sh\": No child processes");
 }
 
 TEST(SpawnAndWait, SearchesThePathAndReturnsTheStatusWithoutAnError) {
