@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,9 @@
 
 /** The caller's choice: a shell takes them from what it starts in the background, nohup the last. */
 static constexpr int kCallersChoice[] = {SIGINT, SIGQUIT, SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU, SIGHUP};
+
+/** Archives and scripts leave it to this what others may do with their files. */
+static constexpr mode_t kUmask = 022;
 
 static bool has_standard_output = true;
 
@@ -64,6 +68,7 @@ static void reset_signals() {
 void put_caller_right() {
     open_missing_descriptors();
     reset_signals();
+    umask(kUmask);
 }
 
 int finish_standard_output() {

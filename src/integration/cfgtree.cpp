@@ -2,6 +2,8 @@
 
 #include <sys/mman.h>
 
+#include <cerrno>
+
 #include "base/descriptors.h"
 #include "base/paths.h"
 #include "integration/dbus-policy.h"
@@ -118,6 +120,38 @@ bool publish_parameters(const ParameterJob& job, VelkctlError** error) {
            load_group(job.app, parameter_group_text(job.app, job.group, job.parameters), error);
 }
 
+/** Where the definition of the application's group lies. */
+std::string definition_path(const std::string& directory, const std::string& app) {
+    return directory + "/conf/" + group_name(app);
+}
+
+bool is_own_definition(const std::string& directory, const std::string& app) {
+    return is_symlink_target_equal_to(paths::parameter_group_link(app), definition_path(directory, app));
+}
+
+/**
+ * Where a definition of the application's group is linked that is not the application's, if there is one: the
+ * group is then the image's. The name of a group has a capital, that of its file may begin either way.
+ */
+std::optional<std::string> find_foreign_definition(const std::string& directory, const std::string& app) {
+    std::string other = app;
+    other[0] = g_ascii_isupper(app[0]) ? g_ascii_tolower(app[0]) : g_ascii_toupper(app[0]);
+    for (const std::string& name : {app, other}) {
+        const std::string link = paths::parameter_group_link(name);
+        if ((is_symlink(link) || is_regular_file_no_follow(link)) &&
+            !is_symlink_target_equal_to(link, definition_path(directory, app)))
+            return link;
+    }
+    return std::nullopt;
+}
+
+bool check_group_is_own(const std::string& directory, const std::string& app, VelkctlError** error) {
+    const std::optional<std::string> foreign = find_foreign_definition(directory, app);
+    return !foreign ||
+           FAIL_GENERAL(error, "Failed creating symbolic link from %s to %s: error %s", foreign->c_str(),
+                        definition_path(directory, app).c_str(), system_error_text(EEXIST).c_str());
+}
+
 bool delete_group(const std::string& app, VelkctlError** error) {
     bool failed = false;
     legacy_cli_resetOptions();
@@ -160,40 +194,41 @@ bool setup_parameters(const json_t* manifest, const std::string& directory, cons
     if (!make_dirs(dir_name(paths::parameter_group_link(app)).value_or(""), error))
         return false;
     std::optional<std::vector<Parameter>> parameters = read_parameters(manifest, error);
-    const std::optional<AreaDirectory> application = parameters ? open_area(directory, error) : std::nullopt;
+    const std::optional<AreaDirectory> application =
+        parameters && check_group_is_own(directory, app, error) ? open_area(directory, error) : std::nullopt;
     std::optional<AreaDirectory> conf =
         application ? open_area_directory(*application, "conf", error) : std::nullopt;
     return conf && publish_parameters({app, user, group, std::move(*parameters), std::move(*conf)}, error);
 }
 
 bool teardown_parameters(const std::string& directory, const std::string& app, VelkctlError** error) {
-    const bool has_policy = is_own_bus_policy(app);
-    if (has_policy && !delete_group(app, error))
+    const bool is_loaded = is_own_bus_policy(app) || is_own_definition(directory, app);
+    if (is_loaded && !find_foreign_definition(directory, app) && !delete_group(app, error))
         return false;
-    const std::string conf = directory + "/conf/";
-    return try_each(
-        {
-            [&](VelkctlError** failure) {
-                return remove_own_link(paths::parameter_values_link(app), conf + values_name(app), failure);
-            },
-            [&](VelkctlError** failure) {
-                return remove_own_link(paths::parameter_group_link(app), conf + group_name(app), failure);
-            },
-            [&](VelkctlError** failure) {
-                return remove_file_in_application(directory, "conf", values_name(app), failure);
-            },
-            [&](VelkctlError** failure) {
-                return remove_file_in_application(directory, "conf", group_name(app), failure);
-            },
-            [&](VelkctlError** failure) { return remove_bus_policy(app, failure); },
-        },
-        error);
+    return try_each({
+                        [&](VelkctlError** failure) {
+                            return remove_own_link(paths::parameter_values_link(app),
+                                                   directory + "/conf/" + values_name(app), failure);
+                        },
+                        [&](VelkctlError** failure) {
+                            return remove_own_link(paths::parameter_group_link(app),
+                                                   definition_path(directory, app), failure);
+                        },
+                        [&](VelkctlError** failure) {
+                            return remove_file_in_application(directory, "conf", values_name(app), failure);
+                        },
+                        [&](VelkctlError** failure) {
+                            return remove_file_in_application(directory, "conf", group_name(app), failure);
+                        },
+                        [&](VelkctlError** failure) { return remove_bus_policy(app, failure); },
+                    },
+                    error);
 }
 
 bool reload_parameters(const std::string& app, VelkctlError** error) {
     const std::string directory = paths::store_root_path(app);
     const std::string name = group_name(app);
-    if (!is_symlink_target_equal_to(paths::parameter_group_link(app), directory + "/conf/" + name))
+    if (!is_own_definition(directory, app))
         return true;
     ErrorSlot not_there;
     const std::optional<AreaDirectory> application = open_area(directory, not_there);

@@ -1,15 +1,18 @@
 #include "integration/http.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <set>
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "integration/own-files.h"
 #include "integration/web-text.h"
 #include "manifest/names.h"
 #include "system/area.h"
@@ -23,6 +26,10 @@ namespace {
 constexpr uid_t NO_USER = static_cast<uid_t>(-1);
 constexpr gid_t NO_GROUP = static_cast<gid_t>(-1);
 constexpr unsigned RELOAD_RECOVERY_S = 5;
+
+// The web server takes some twenty times as much memory. These are about 30,000 pages.
+constexpr size_t LARGEST_CONFIGURATION = 2 << 20;
+constexpr size_t RULE_FRAME = 50;  // what stands around a name in the rules
 
 const char* access_group_name(AccessLevel access) {
     switch (access) {
@@ -74,11 +81,30 @@ std::vector<std::string> cgi_names(const ParsedManifest& parsed, CgiType type) {
     return names;
 }
 
+/** What is wrong with a snippet for these names or addresses, as an error number; 0 for nothing. */
+int snippet_fault(const std::string& text, const std::vector<std::string>& names) {
+    if (!std::all_of(names.begin(), names.end(), fits_configuration))
+        return ENAMETOOLONG;
+    return text.size() > LARGEST_CONFIGURATION ? EFBIG : 0;
+}
+
 /** Write the application's own copy of a snippet, then the one that the web server reads. */
 bool write_snippet(const WebSetup& web, const char* copy, const std::string& active, const std::string& text,
-                   VelkctlError** error) {
+                   const std::vector<std::string>& names, VelkctlError** error) {
+    if (const int fault = snippet_fault(text, names))
+        return FAIL_GENERAL(error, "Failed writing to file: %s: %s", active.c_str(),
+                            system_error_text(fault).c_str());
     const std::optional<AreaDirectory> conf = open_area_directory(web.application, "conf", error);
     return conf && write_area_file(*conf, copy, text, error) && write_file(active, text, error);
+}
+
+/** An address is written as it is: one in which the server would see a variable cannot be written. */
+bool check_addresses(const ParsedManifest& parsed, VelkctlError** error) {
+    for (const std::string& name : cgi_names(parsed, CGI_TRANSFER))
+        if (names_variable(name))
+            return fail(error, VELKCTL_ERROR_INVALID_MANIFEST,
+                        "Field '%s' in manifest contains a variable of the web server", "httpConfig.name");
+    return true;
 }
 
 bool setup_cgi(const WebSetup& web, VelkctlError** error) {
@@ -87,8 +113,11 @@ bool setup_cgi(const WebSetup& web, VelkctlError** error) {
         if (!create_web_file(web, entry.name, entry.access, error))
             return false;
     const std::vector<std::string> transfers = cgi_names(web.parsed, CGI_TRANSFER);
+    std::vector<std::string> addresses;
+    for (const std::string& name : transfers)
+        addresses.push_back(transfer_address(app, name));
     if (!transfers.empty() && !write_snippet(web, "transfercgi.conf", paths::transfer_snippet(app),
-                                             transfer_text(app, transfers), error))
+                                             transfer_text(app, transfers), addresses, error))
         return false;
     const std::vector<std::string> scripts = cgi_names(web.parsed, CGI_FAST);
     if (scripts.empty())
@@ -96,7 +125,7 @@ bool setup_cgi(const WebSetup& web, VelkctlError** error) {
     const std::string text =
         fcgi_text(paths::web_directory(app), fcgi_socket_path(web.application.path(), app), scripts);
     return create_web_file(web, fcgi_socket_name(app), ACCESS_VIEWER, error) &&
-           write_snippet(web, "fcgi.conf", paths::fcgi_snippet(app), text, error);
+           write_snippet(web, "fcgi.conf", paths::fcgi_snippet(app), text, scripts, error);
 }
 
 // --- Ownership and access rules ---
@@ -121,6 +150,11 @@ std::set<std::string> listed_files(const ParsedManifest& parsed) {
     return listed;
 }
 
+bool fail_reading_pages(const ParsedManifest& parsed, int number, VelkctlError** error) {
+    return FAIL_GENERAL(error, "Failed reading files in directory %s: %s",
+                        paths::web_directory(parsed.appName).c_str(), system_error_text(number).c_str());
+}
+
 /** Gathers the access rules of a web tree while it is walked, and opens its plain files to the web server. */
 class RuleCollector {
   public:
@@ -136,16 +170,21 @@ class RuleCollector {
                 (*error)->code = VELKCTL_ERROR_GENERAL;
             return false;
         }
-        return entry.is_directory ? enter(entry, below) : add_file(entry, below, error);
+        const std::string published = paths::web_directory(web_.parsed.appName) + below;
+        size_ += (entry.is_directory ? published : base_name(below)).size() + RULE_FRAME;
+        if (size_ > LARGEST_CONFIGURATION || !fits_configuration(published))
+            return fail_reading_pages(web_.parsed, size_ > LARGEST_CONFIGURATION ? EFBIG : ENAMETOOLONG,
+                                      error);
+        return entry.is_directory ? enter(entry, published) : add_file(entry, below, error);
     }
 
     [[nodiscard]] const std::vector<WebDirectory>& directories() const { return directories_; }
 
   private:
-    bool enter(const TreeEntry& entry, const std::string& below) {
+    bool enter(const TreeEntry& entry, const std::string& published) {
         way_.resize(entry.level);
         way_.push_back(directories_.size());
-        directories_.push_back({paths::web_directory(web_.parsed.appName) + below, {}});
+        directories_.push_back({published, {}});
         return true;
     }
 
@@ -192,6 +231,7 @@ class RuleCollector {
 
     const WebSetup& web_;
     std::set<std::string> listed_;
+    size_t size_ = 0;  ///< of the rules so far, escaping aside
     std::vector<WebDirectory> directories_;
     std::vector<size_t>
         way_;  ///< the directories from the root to the one being walked, as places in the list
@@ -206,12 +246,8 @@ bool write_access_rules(const WebSetup& web, VelkctlError** error) {
         refused.move_to(error);
         return false;
     }
-    if (result != 0) {
-        SET_GENERAL_ERROR(error, "Failed reading files in directory %s: %s",
-                          paths::web_directory(web.parsed.appName).c_str(),
-                          system_error_text(result).c_str());
-        return false;
-    }
+    if (result != 0)
+        return fail_reading_pages(web.parsed, result, error);
     return write_file(paths::access_rules(web.parsed.appName), access_rules_text(rules.directories()), error);
 }
 
@@ -232,10 +268,49 @@ bool publish(const WebSetup& web, VelkctlError** error) {
            open_directories_to_web_server(web, error);
 }
 
-/** Remove one kind of snippet: the active one, the application's copy, and then its socket. */
-bool teardown_cgi_setup(const std::string& directory, const std::string& active, const char* copy,
-                        VelkctlError** error) {
-    return remove_file(active, error) && remove_file_in_application(directory, "conf", copy, error);
+// --- What is the application's own ---
+
+/** How each of the files begins that are written for an application, and nobody else's. */
+bool is_own_transfer_snippet(const std::string& app) {
+    return beginning_of(paths::transfer_snippet(app)).starts_with(transfer_mark(app));
+}
+bool is_own_fcgi_snippet(const std::string& app) {
+    return beginning_of(paths::fcgi_snippet(app)).starts_with(directory_mark(paths::web_directory(app)));
+}
+bool is_own_access_rules(const std::string& app) {
+    return beginning_of(paths::access_rules(app)).starts_with(directory_mark(paths::web_directory(app)));
+}
+
+/**
+ * Whether the directory of the transfer socket is there and is somebody else's. The application's program
+ * makes it, so it is its user's: the present one, or one that is gone, whose number is nobody's.
+ */
+bool is_foreign_socket_directory(const struct stat& status, uid_t own_uid) {
+    return status.st_uid == 0 || (status.st_uid != own_uid && getpwuid(status.st_uid) != nullptr);
+}
+
+/** Nothing of the image's is to be replaced, and nobody else is to hear the application's requests. */
+bool check_names_are_own(const ParsedManifest& parsed, uid_t uid, VelkctlError** error) {
+    const std::string& app = parsed.appName;
+    struct stat status {};
+    const std::string sockets = paths::transfer_socket_directory(app);
+    if (lstat(sockets.c_str(), &status) == 0 && is_foreign_socket_directory(status, uid) &&
+        (status.st_uid == 0 || !cgi_names(parsed, CGI_TRANSFER).empty()))
+        return FAIL_GENERAL(error, "Could not create directory %s: %s", sockets.c_str(),
+                            system_error_text(EEXIST).c_str());
+    return check_is_own(paths::transfer_snippet(app), is_own_transfer_snippet(app), error) &&
+           check_is_own(paths::fcgi_snippet(app), is_own_fcgi_snippet(app), error) &&
+           check_is_own(paths::access_rules(app), is_own_access_rules(app), error);
+}
+
+bool remove_socket_directory(const std::string& app, const std::optional<std::string>& user,
+                             VelkctlError** error) {
+    const std::string sockets = paths::transfer_socket_directory(app);
+    ErrorSlot unknown;
+    const uid_t uid = user ? find_user_id(*user, unknown) : NO_USER;
+    struct stat status {};
+    return lstat(sockets.c_str(), &status) != 0 || is_foreign_socket_directory(status, uid) ||
+           remove_recursive(sockets, error);
 }
 
 }  // namespace
@@ -251,10 +326,11 @@ bool setup_http(const ParsedManifest& parsed, const std::string& directory, bool
     gid_t viewer_gid = NO_GROUP;
     gid_t operator_gid = NO_GROUP;
     gid_t default_gid = NO_GROUP;
-    const uid_t uid = find_user_id(user, error);
+    const uid_t uid = check_addresses(parsed, error) ? find_user_id(user, error) : NO_USER;
     if (uid == NO_USER || !look_up_group(group.c_str(), &group_gid, error))
         return false;
-    std::optional<AreaDirectory> application = open_area(directory, error);
+    std::optional<AreaDirectory> application =
+        check_names_are_own(parsed, uid, error) ? open_area(directory, error) : std::nullopt;
     std::optional<AreaDirectory> html =
         application ? make_area_directory(*application, "html", error) : std::nullopt;
     if (!html || !look_up_group("www", &www_gid, error) || !look_up_group("viewer", &viewer_gid, error) ||
@@ -273,13 +349,34 @@ bool setup_http(const ParsedManifest& parsed, const std::string& directory, bool
     return publish(web, error);
 }
 
-bool teardown_http(const std::string& directory, const std::string& app, VelkctlError** error) {
-    return teardown_cgi_setup(directory, paths::transfer_snippet(app), "transfercgi.conf", error) &&
-           remove_file_in_application(paths::kWebSockets, app, "http", error) &&
-           remove_recursive(paths::transfer_socket_directory(app), error) &&
-           teardown_cgi_setup(directory, paths::fcgi_snippet(app), "fcgi.conf", error) &&
-           remove_file_in_application(directory, "html", fcgi_socket_name(app), error) &&
-           remove_file(paths::web_directory(app), error) && remove_file(paths::access_rules(app), error);
+bool teardown_http(const std::string& directory, const std::string& app,
+                   const std::optional<std::string>& user, VelkctlError** error) {
+    return try_each(
+        {
+            [&](VelkctlError** failure) {
+                return remove_own_file(paths::transfer_snippet(app), is_own_transfer_snippet(app), failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_file_in_application(directory, "conf", "transfercgi.conf", failure);
+            },
+            [&](VelkctlError** failure) { return remove_socket_directory(app, user, failure); },
+            [&](VelkctlError** failure) {
+                return remove_own_file(paths::fcgi_snippet(app), is_own_fcgi_snippet(app), failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_file_in_application(directory, "conf", "fcgi.conf", failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_file_in_application(directory, "html", fcgi_socket_name(app), failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_own_link(paths::web_directory(app), directory + "/html", failure);
+            },
+            [&](VelkctlError** failure) {
+                return remove_own_file(paths::access_rules(app), is_own_access_rules(app), failure);
+            },
+        },
+        error);
 }
 
 void reload_web_server() {

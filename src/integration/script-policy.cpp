@@ -18,7 +18,7 @@ bool prepare_install_script(const InstallScriptPolicy& policy, const AreaDirecto
         return false;
     }
     const std::optional<AreaFile> file =
-        open_area_file(tree, script, "Failed setting permissions for", error);
+        open_area_file_itself(tree, script, "Failed setting permissions for", error);
     if (!file)
         return false;
     if (policy.made_executable)

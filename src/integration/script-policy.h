@@ -23,7 +23,8 @@ inline constexpr InstallScriptPolicy install_script_policy() { return SHIPPED_SC
  *
  * @param script  path relative to the tree
  * @param error   code 1 "Path %s is outside of application directory %s" or "Install script '%s' is not set
- * as executable."; code 10 "Failed setting permissions for %s: %s", also for what is no regular file
+ * as executable."; code 10 "Failed setting permissions for %s: %s", also for what is no regular file,
+ * or a link or behind one
  */
 [[nodiscard]] bool prepare_install_script(const InstallScriptPolicy& policy, const AreaDirectory& tree,
                                           const std::string& script, VelkctlError** error);

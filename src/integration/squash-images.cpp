@@ -17,6 +17,7 @@
 #include "manifest/names.h"
 #include "system/area.h"
 #include "system/file.h"
+#include "system/systemctl.h"
 
 namespace {
 
@@ -297,6 +298,19 @@ std::optional<std::string> upper_directory(const std::string& app, const StoreLo
     return store_path(app, location) + "/upper";
 }
 
+/**
+ * The application can also reach the layer itself, past the overlay, into which everything was copied as it
+ * was fixed there. What the overlay still knows of the layer may be older than what is fixed in it: it is
+ * mounted anew to look again.
+ */
+bool fix_in_upper_layer(const std::string& upper, const std::vector<SquashImage>& images,
+                        const std::string& app, uid_t uid, Fixed* fixed, VelkctlError** error) {
+    const std::string directory = paths::store_root_path(app);
+    fixed->keep();  // what is held open would keep the overlay mounted
+    return fix_in(upper, images, uid, fixed, error) && systemctl_restart(mount_unit_name(directory), error) &&
+           fix_in(directory, images, uid, fixed, error);
+}
+
 /** Fix as much as there is of it, as far as it is what it must be. */
 void fix_what_is_in(const std::string& directory, const std::vector<SquashImage>& images, uid_t uid,
                     Fixed* fixed) {
@@ -397,9 +411,9 @@ bool fix_squash_images(const std::vector<SquashImage>& images, const std::string
     Fixed fixed;
     if (!fix_in(paths::store_root_path(app), images, uid, &fixed, error))
         return false;
-    // The application may also reach the layer itself, past the overlay.
     const std::optional<std::string> upper = upper_directory(app, location);
-    if (location->kind == STORE_INTERNAL_VLPFS && !fix_in(*upper, images, uid, &fixed, error))
+    if (location->kind == STORE_INTERNAL_VLPFS &&
+        !fix_in_upper_layer(*upper, images, app, uid, &fixed, error))
         return false;
     // On a card it has only what was changed of the package's.
     if (location->kind == STORE_SD_CARD1)

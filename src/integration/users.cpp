@@ -70,7 +70,7 @@ bool user_exists(const std::string& name) {
 }
 
 /** The rules for a manifest that names an existing user. */
-bool check_static_rules(const json_t* manifest, const ParsedManifest& parsed,
+bool check_static_rules(const json_t* manifest, const ParsedManifest& parsed, const std::string& user,
                         const std::optional<std::string>& group, VelkctlError** error) {
     if (manifest_object(manifest, nullptr, {"resources", "dbus"}))
         return fail_manifest(error, "Manifest contains dbus methods together with a legacy user");
@@ -78,7 +78,7 @@ bool check_static_rules(const json_t* manifest, const ParsedManifest& parsed,
         return fail_manifest(error, "Manifest requests DLPU access together with a legacy user");
     if (!group)
         return fail_manifest(error, "Manifest contains one of user/group but lacks the other");
-    if (!user_exists(parsed.user))
+    if (!user_exists(user))
         return fail_manifest(error, "User in manifest does not exist");
     if (!group_exists(*group))
         return fail_manifest(error, "Group in manifest does not exist");
@@ -169,12 +169,15 @@ bool grant_api_access(const json_t* manifest, const ParsedManifest& parsed, Velk
     return set_api_access_rights(parsed.appName, *methods, error);
 }
 
-std::optional<AppUser> check_static_user(const json_t* manifest, const ParsedManifest& parsed,
-                                         VelkctlError** error) {
+std::optional<AppUser> check_static_user(const std::string& app, const json_t* manifest,
+                                         const ParsedManifest& parsed, VelkctlError** error) {
+    bool is_dynamic = false;
+    const std::optional<std::string> user = get_manifest_app_user(app, manifest, &is_dynamic, error);
     std::optional<std::string> group;
-    if (!manifest_optional_string(manifest, &group, error, {"velkPackageConf", "setup", "user", "group"}) ||
-        !check_static_rules(manifest, parsed, group, error) ||
-        verify_user_and_group(parsed.appName, parsed.user, *group, error) != 0)
+    if (!user ||
+        !manifest_optional_string(manifest, &group, error, {"velkPackageConf", "setup", "user", "group"}) ||
+        !check_static_rules(manifest, parsed, *user, group, error) ||
+        verify_user_and_group(app, *user, *group, error) != 0)
         return std::nullopt;
-    return AppUser{parsed.user, *group, {}};
+    return AppUser{*user, *group, {}};
 }

@@ -70,8 +70,9 @@ void end_left_processes(const std::string& app);
  * Check that the application may run as the existing user and group that the manifest names. Nothing is
  * changed.
  *
+ * @param app    the application's name in the store, which the manifest's may not be
  * @param error  code 29 for a manifest that breaks a rule, code 13 for a user or group that is not on the
- * allowlist
+ * allowlist, which is logged as a warning too
  */
-[[nodiscard]] std::optional<AppUser> check_static_user(const json_t* manifest, const ParsedManifest& parsed,
-                                                       VelkctlError** error);
+[[nodiscard]] std::optional<AppUser> check_static_user(const std::string& app, const json_t* manifest,
+                                                       const ParsedManifest& parsed, VelkctlError** error);

@@ -91,7 +91,7 @@ bool make_user(Setup* setup, VelkctlError** error) {
     const ParsedManifest& parsed = setup->parsed;
     std::optional<AppUser> user = parsed.userIsDynamic
                                       ? create_dynamic_user(setup->manifest.get(), parsed, error)
-                                      : check_static_user(setup->manifest.get(), parsed, error);
+                                      : check_static_user(setup->app, setup->manifest.get(), parsed, error);
     if (!user)
         return false;
     setup->user = std::move(*user);
@@ -333,10 +333,11 @@ bool run_steps(Setup* setup, VelkctlError** error) {
     return true;
 }
 
-void undo(const std::string& app) {
+void undo(const Setup& setup) {
     const Uninterrupted shield;
     ErrorSlot error;
-    if (velkctl_teardown(app, false, false, error) != 0)
+    const bool user_refused = !setup.parsed.userIsDynamic && setup.user.user.empty();
+    if (undo_setup(setup.app, user_refused, error) != 0)
         log_warning("Automatic teardown on failed setup failed. Code: %d, Message: %s", error.code(),
                     error.message());
 }
@@ -353,7 +354,7 @@ bool set_up(const std::string& app, SetupOptions options, VelkctlError** error) 
         return false;
     if (run_steps(&setup, error))
         return true;
-    undo(app);
+    undo(setup);
     return false;
 }
 

@@ -33,7 +33,9 @@ struct Teardown {
     std::string directory;
     JsonPtr manifest{};  ///< none when it cannot be read
     std::optional<ParsedManifest>
-        parsed{};  ///< none when the manifest cannot be read; what needs it is then left out
+        parsed{};               ///< none when the manifest cannot be read; what needs it is then left out
+    bool user_refused = false;  ///< setup has refused the user just now, and said so
+    std::optional<std::string> user{};  ///< the application's, unless setup would refuse it
     bool ok = true;
 
     /** Note how a step ended: its failure is a warning and, unless it is not to count, fails the teardown. */
@@ -70,16 +72,22 @@ void read_teardown_manifest(Teardown* teardown) {
 }
 
 /**
- * Whether the user in the manifest is one that setup gives to an application. Any other was never this one's,
+ * The user as whom the application runs, if setup gives it to an application. Any other was never this one's,
  * and nothing is run or taken away in that user's name: it could be anybody's, root's included.
  */
-bool has_user_of_its_own(const Teardown& teardown) {
+std::optional<std::string> find_application_user(const Teardown& teardown) {
+    if (!teardown.manifest || has_dynamic_user(teardown.manifest.get()))
+        return dynamic_user_name(teardown.app);
+    if (!teardown.parsed || teardown.user_refused)
+        return std::nullopt;
     ErrorSlot refused;
-    if (teardown.parsed->userIsDynamic ||
-        check_static_user(teardown.manifest.get(), *teardown.parsed, refused))
-        return true;
-    warn_and_clear_error(refused, nullptr);
-    return false;
+    const std::optional<AppUser> user =
+        check_static_user(teardown.app, teardown.manifest.get(), *teardown.parsed, refused);
+    if (user)
+        return user->user;
+    if (refused.code() != VELKCTL_ERROR_NOT_ALLOWLISTED)  // of which the check itself has told
+        warn_and_clear_error(refused, nullptr);
+    return std::nullopt;
 }
 
 bool run_pre_uninstall_script(const Teardown& teardown, VelkctlError** error) {
@@ -95,10 +103,8 @@ bool run_pre_uninstall_script(const Teardown& teardown, VelkctlError** error) {
         return false;
     options.timeout_s = effective_script_timeout(install_script_policy(), configured);
     const std::optional<std::string>& script = teardown.parsed->preUninstallScript;
-    if (!script || !has_user_of_its_own(teardown))
-        return true;
-    const std::optional<std::string> user = application_username(teardown.app.c_str(), error);
-    return user && run_script_as_user(*script, teardown.directory, *user, options, error);
+    return !script || !teardown.user ||
+           run_script_as_user(*script, teardown.directory, *teardown.user, options, error);
 }
 
 void take_leave_of_application(Teardown* teardown) {
@@ -114,7 +120,8 @@ void remove_configuration(Teardown* teardown) {
     const std::string& directory = teardown->directory;
     teardown->finish(teardown_parameters(directory, teardown->app, error), "Failed to teardown params",
                      error);
-    teardown->finish(teardown_http(directory, teardown->app, error), "Failed to teardown http setup", error);
+    teardown->finish(teardown_http(directory, teardown->app, teardown->user, error),
+                     "Failed to teardown http setup", error);
     if (teardown->parsed && teardown->parsed->createDockerSymlinks && holds_container_tools(directory))
         teardown->finish(remove_container_links(teardown->app, directory, error),
                          "Failed to teardown docker setup", error);
@@ -125,9 +132,7 @@ bool remove_dynamic_user(const std::string& app, VelkctlError** error) {
     const JsonPtr manifest = load_installed_manifest(app, error);
     if (!manifest)
         return false;
-    const bool is_static =
-        manifest_object(manifest.get(), nullptr, {"velkPackageConf", "setup", "user", "username"}) != nullptr;
-    if (is_static)
+    if (!has_dynamic_user(manifest.get()))
         return true;
     end_left_processes(app);  // a process of it would be one of the next application's
     return remove_user(app, error);
@@ -137,7 +142,7 @@ void remove_user_and_ranges(Teardown* teardown) {
     ErrorSlot error;
     // The ranges go first, since they are found by the user. Ranges that stay behind harm nobody: no failure.
     // Those of a static user were never written by setup.
-    if (teardown->parsed && teardown->parsed->containerHost && teardown->parsed->userIsDynamic)
+    if (teardown->parsed && teardown->parsed->containerHost && has_dynamic_user(teardown->manifest.get()))
         teardown->finish(teardown_sub_ids(device_sub_id_files(), teardown->app, error),
                          "Failed to teardown subuid/subgid", error, false);
     teardown->finish(remove_dynamic_user(teardown->app, error), "Failed to teardown user", error);
@@ -159,16 +164,20 @@ void reload_services(Teardown* teardown) {
     reload_web_server();
 }
 
-bool tear_down(const std::string& app, bool reload, bool persist_user, VelkctlError** error) {
+bool tear_down(const std::string& app, bool reload, bool persist_user, bool user_refused,
+               VelkctlError** error) {
     OperationLock lock;
     if (!is_valid_app_name(app, error) || !stop_if_running(app, error))
         return false;
     std::optional<Application> application = begin(app, &lock, error);
     if (!application)
         return false;
-    Teardown teardown{
-        .application = std::move(*application), .app = app, .directory = paths::store_root_path(app)};
+    Teardown teardown{.application = std::move(*application),
+                      .app = app,
+                      .directory = paths::store_root_path(app),
+                      .user_refused = user_refused};
     read_teardown_manifest(&teardown);
+    teardown.user = find_application_user(teardown);
     take_leave_of_application(&teardown);
     const Uninterrupted shield;  // what is left takes moments, and half of it would be left to somebody
     end_left_processes(app);
@@ -188,7 +197,11 @@ bool tear_down(const std::string& app, bool reload, bool persist_user, VelkctlEr
 // A null slot is allowed here and not below, so the steps always get one of their own.
 int velkctl_teardown(const std::string& app, bool reload, bool persist_user, VelkctlError** error) {
     ErrorSlot own;
-    const bool done = tear_down(app, reload, persist_user, own);
+    const bool done = tear_down(app, reload, persist_user, false, own);
     own.move_to(error);
     return done ? 0 : -1;
+}
+
+int undo_setup(const std::string& app, bool user_refused, VelkctlError** error) {
+    return tear_down(app, false, false, user_refused, error) ? 0 : -1;
 }

@@ -15,3 +15,11 @@
  * @return 0 or -1
  */
 int velkctl_teardown(const std::string& app, bool reload, bool persist_user, VelkctlError** error);
+
+/**
+ * Take back a setup that failed: velkctl_teardown without reloading, the user included.
+ *
+ * @param user_refused  setup refused the user that the manifest names; that was said, and is not said again
+ * @param error         required; as of velkctl_teardown
+ */
+int undo_setup(const std::string& app, bool user_refused, VelkctlError** error);

@@ -40,9 +40,10 @@ struct ValidationLimits {
                                                    const std::string& schema_dir, std::string* message);
 
 /**
- * The same for a document in memory. Schemas are the regular files in the directory and in the directories
- * below it; links are left alone. When none accepts the document, each one's failure is logged as a general
- * error, and the message is "%s: No valid schemas found".
+ * The same for a document in memory and a directory that an application may write, which must be no link
+ * itself. Schemas are the regular files of at most 16 MiB in the directory and in the directories below it;
+ * links are left alone, also those that take a schema's place meanwhile. When none accepts the document, each
+ * one's failure is logged as a general error, and the message is "%s: No valid schemas found".
  *
  * @param name  what the document is called in messages
  * @param text  the document; null is "%s: Input is NULL", JSON_INPUT_UNUSABLE
@@ -50,5 +51,5 @@ struct ValidationLimits {
 [[nodiscard]] int validate_text_against_schema_dir(const std::string& name, const char* text,
                                                    const std::string& schema_dir, std::string* message);
 
-/** Whether a schema lies in the directory or below it, so that the search has something to try. */
+/** Whether a schema lies in such a directory or below it, so that the search has something to try. */
 [[nodiscard]] bool schema_dir_has_schemas(const std::string& schema_dir);

@@ -19,10 +19,12 @@ std::string dynamic_user_name(const std::string& app_name) {
     return name;
 }
 
+bool has_dynamic_user(const json_t* manifest) { return !manifest_object(manifest, nullptr, kUsername); }
+
 std::optional<std::string> get_manifest_app_user(const std::string& app_name, const json_t* manifest,
                                                  bool* is_dynamic, VelkctlError** error) {
     assert(is_dynamic);
-    if (!manifest_object(manifest, nullptr, kUsername)) {
+    if (has_dynamic_user(manifest)) {
         *is_dynamic = true;
         return dynamic_user_name(app_name);
     }
@@ -50,7 +52,7 @@ std::optional<std::string> application_username(const char* app_name, VelkctlErr
 std::optional<UserEntry> find_own_user(const std::string& app_name) {
     ErrorSlot unknown;
     const JsonPtr manifest = load_installed_manifest(app_name, unknown);
-    if (!manifest || manifest_object(manifest.get(), nullptr, kUsername))
+    if (!manifest || !has_dynamic_user(manifest.get()))
         return std::nullopt;
     std::optional<UserEntry> user = find_user(dynamic_user_name(app_name), unknown);
     return user && user->uid != 0 ? user : std::nullopt;

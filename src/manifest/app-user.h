@@ -22,6 +22,13 @@ struct AppOwner {
 [[nodiscard]] std::string dynamic_user_name(const std::string& app_name);
 
 /**
+ * Whether the application runs as a user of its own: its manifest names none. Nothing else in the manifest
+ * matters, and which user that is tells the name under which the store has the application: the name in a
+ * manifest may be broken.
+ */
+[[nodiscard]] bool has_dynamic_user(const json_t* manifest);
+
+/**
  * The user an application runs as: the one its manifest names, or else, dynamic, one of its own.
  *
  * @param is_dynamic  required (asserted); untouched on failure

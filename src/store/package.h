@@ -60,6 +60,11 @@ class Package {
     /** The file of the data part. */
     [[nodiscard]] const std::string& data() const { return data_; }
     [[nodiscard]] bool is_own_data() const { return data_ == path_; }
+    /**
+     * The path by which root reads the data part: through the descriptor when it is the package itself, whose
+     * name may by now be a pipe's or lead to a device. Who else must read it gets data().
+     */
+    [[nodiscard]] std::string data_for_root() const { return is_own_data() ? reading_path() : data_; }
     [[nodiscard]] const std::optional<std::string>& record() const { return record_; }
     /** What the data part unpacks to, once it was measured. */
     [[nodiscard]] const std::optional<ArchiveSize>& size() const { return size_; }

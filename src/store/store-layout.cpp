@@ -13,6 +13,7 @@
 #include "base/handles.h"
 #include "base/log.h"
 #include "system/archive.h"
+#include "system/area.h"
 #include "system/file.h"
 #include "system/mounts.h"
 #include "system/subprocess.h"
@@ -44,7 +45,7 @@ bool check_card(const StoreLocation& location, VelkctlError** error) {
         return false;
     }
     if (mount->type == "ext4")
-        return true;
+        return require_own_directory(location, error);
     SET_GENERAL_ERROR(
         error,
         "%s uses file system %s which does not support Unix file permissions. Please reformat to a file "
@@ -171,15 +172,16 @@ class Staging {
 static bool measure(Package* package, VelkctlError** error) {
     if (package->size())
         return true;
-    const std::optional<uint64_t> single = single_gzip_size(package->data());
+    const std::string data = package->data_for_root();
+    const std::optional<uint64_t> single = single_gzip_size(data);
     ErrorSlot measuring;
-    const uint64_t size = single ? *single : uncompressed_size(package->data(), measuring);
+    const uint64_t size = single ? *single : uncompressed_size(data, measuring);
     if (size != 0) {
         package->remember_size({size, single.has_value()});
         return true;
     }
     if (measuring.is_set())
-        measuring.move_to(error);
+        move_with_known_paths(measuring, {{data, package->data()}}, error);
     else
         SET_GENERAL_ERROR(error, "Failed to validate space for unpacking archive, uncompressed size is 0");
     return false;
@@ -201,14 +203,14 @@ static bool check_room(uint64_t size, const std::string& path, VelkctlError** er
 }
 
 /** Unpack into the working directory, without any right that an archive could misuse. */
-static bool unpack(const std::string& data, bool is_single_gzip, VelkctlError** error) {
-    const TarGzip gzip(data, is_single_gzip);
+static bool unpack(const Package& package, VelkctlError** error) {
+    const TarGzip gzip(package.data_for_root(), package.size()->is_single_gzip);
     ErrorSlot reason;
     std::string output;
     const int status = run_command_with_output(
         &output, reason,
         "su -s /bin/sh -c \"tar --no-same-permissions --no-same-owner -xf '%s'\" nobody 2>&1",
-        {data.c_str()});
+        {package.data().c_str()});
     if (status == 0)
         return true;
     if (status < 0) {
@@ -227,8 +229,7 @@ static bool unpack_into(const std::string& directory, Package* package, VelkctlE
     return working_directory.remember(error) && measure(package, error) &&
            check_room(package->size()->bytes, directory, error) &&
            set_owner(directory, kUnpackingUser, kKeepGroup, error) &&
-           working_directory.enter(directory, error) &&
-           unpack(package->data(), package->size()->is_single_gzip, error) &&
+           working_directory.enter(directory, error) && unpack(*package, error) &&
            working_directory.leave(error) && (!package->is_own_data() || package->require_unchanged(error));
 }
 
@@ -281,6 +282,8 @@ static bool move_to_place(const std::string& staging, const std::string& directo
 }
 
 bool lay_out_directory(Package* package, const StoreLocation& location, VelkctlError** error) {
+    if (!require_own_directory(location, error))
+        return false;
     const std::string directory = store_path(package->app(), &location);
     const Staging staging(staging_path(directory));
     if (!make_dirs_group(staging.path(), error) || !unpack_into(staging.path(), package, error) ||
@@ -354,12 +357,12 @@ static bool lists(const std::string& listing, const std::string& name) {
 }
 
 /** Let tar read the whole archive as it will be unpacked, and look whether a package.conf is in it. */
-static bool check_archive(const std::string& data, bool is_single_gzip, VelkctlError** error) {
-    const TarGzip gzip(data, is_single_gzip);
+static bool check_archive(const Package& package, VelkctlError** error) {
+    const TarGzip gzip(package.data_for_root(), package.size()->is_single_gzip);
     ErrorSlot reason;
     std::string listing;
     const int status = run_command_with_output(
-        &listing, reason, "su -s /bin/sh -c \"tar -tf '%s'\" nobody 2>&1", {data.c_str()});
+        &listing, reason, "su -s /bin/sh -c \"tar -tf '%s'\" nobody 2>&1", {package.data().c_str()});
     if (status < 0) {
         reason.move_to(error);
         return false;
@@ -369,16 +372,16 @@ static bool check_archive(const std::string& data, bool is_single_gzip, VelkctlE
 
 /** Check that the data part holds the manifest that was examined. */
 static bool check_packed_manifest(const Package& package, VelkctlError** error) {
-    const std::optional<std::string> text = read_tar_member(package.data(), kControlFiles[0], error);
+    const std::optional<std::string> text = read_tar_member(package.data_for_root(), kControlFiles[0], error);
     if (!text)
         return false;
     const JsonPtr manifest(json_loadb(text->data(), text->size(), 0, nullptr));
     return (manifest && json_equal(manifest.get(), package.manifest())) || set_invalid_package(error);
 }
 
-static bool check_layer_room(const std::string& data, uint64_t available, VelkctlError** error) {
+static bool check_layer_room(const Package& package, uint64_t available, VelkctlError** error) {
     struct stat status {};
-    if (is_in_image(data) || stat(data.c_str(), &status) != 0)
+    if (is_in_image(package.data()) || stat(package.data_for_root().c_str(), &status) != 0)
         return true;
     const auto size = static_cast<uint64_t>(status.st_size);
     if (size <= available)
@@ -396,10 +399,10 @@ bool check_fits_instead(Package* package, const StoreLocation& location, const A
     const std::optional<uint64_t> available = free_bytes_afterwards(location, old, error);
     if (!available)
         return false;
-    const std::string& data = package->data();
-    const bool fits = is_layer ? check_layer_room(data, *available, error) &&
-                                     read_tar_member(data, kControlFiles[1], error).has_value()
-                               : check_space(package->size()->bytes, *available, error) &&
-                                     check_archive(data, package->size()->is_single_gzip, error);
+    const std::string data = package->data_for_root();
+    const bool fits =
+        is_layer ? check_layer_room(*package, *available, error) &&
+                       read_tar_member(data, kControlFiles[1], error).has_value()
+                 : check_space(package->size()->bytes, *available, error) && check_archive(*package, error);
     return fits && check_packed_manifest(*package, error);
 }

@@ -17,7 +17,7 @@ inline constexpr uint64_t SPACE_MARGIN = 262144;
 
 /**
  * Check that the card below a location holds a file system with Unix permissions. Code 10 for a missing card,
- * an unreadable mount table, or another file system.
+ * an unreadable mount table, or another file system; that of require_own_directory.
  */
 [[nodiscard]] bool check_card(const StoreLocation& location, VelkctlError** error);
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "base/handles.h"
+#include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "manifest/manifest-rules.h"
@@ -107,6 +108,7 @@ class OldRecord {
     OldRecord(const OldRecord&) = delete;
     OldRecord& operator=(const OldRecord&) = delete;
     ~OldRecord() {
+        const Uninterrupted shield;
         ErrorSlot trouble;
         if (text_ && !app_exists(app_.c_str(), trouble) && !write_vsf(app_, *text_, trouble))
             warn_and_clear_error(trouble, nullptr);
@@ -144,6 +146,7 @@ static bool place(Package* package, const StoreLocation& location, bool* is_plac
 
 /** Take back what was placed a moment ago. */
 static void take_back(const std::string& app, const StoreLocation& location) {
+    const Uninterrupted shield;
     ErrorSlot trouble;
     const std::string directory = store_path(app, &location);
     const std::string staging = staging_path(directory);
@@ -178,9 +181,18 @@ bool verify_for_import(Package* package, const StoreLocation& location, VelkctlE
            check_architecture(package->parsed(), error);
 }
 
+/** An unsigned package is unpacked where it lies, which must not go with the stored version. */
+static bool require_outlasting(const Package& package, const Application& old, VelkctlError** error) {
+    const bool goes =
+        package.is_own_data() && (package.path().starts_with(old.directory() + "/") ||
+                                  (old.location && package.path().starts_with(old.home() + "/")));
+    return !goes || fail(error, VELKCTL_ERROR_GENERAL, "Path is not a valid canonicalizable path: %s",
+                         package.path().c_str());
+}
+
 bool check_replacement(Package* package, const StoreLocation& location, VelkctlError** error) {
     const Application old = find_application(package->app());
-    return require_no_other_case(package->app(), error) &&
+    return require_outlasting(*package, old, error) && require_no_other_case(package->app(), error) &&
            (location.kind != STORE_SD_CARD1 || check_card(location, error)) &&
            check_fits_instead(package, location, old, error) && package->require_unchanged(error);
 }

@@ -112,8 +112,19 @@ const StoreLocation* recorded_location(const std::string& app) {
     return is_directory_no_follow(entry) ? default_location() : nullptr;
 }
 
+/** Whether somebody prepared a card so that its place of applications is a place of the device. */
+static bool leads_elsewhere(const StoreLocation& location) {
+    return location.disk && is_symlink(location.path);
+}
+
+bool require_own_directory(const StoreLocation& location, VelkctlError** error) {
+    return !leads_elsewhere(location) ||
+           fail(error, VELKCTL_ERROR_INVALID_PACKAGE, "Attempt to use reserved directory '%s' as a symlink",
+                location.path);
+}
+
 static bool is_kept_at(const std::string& app, const StoreLocation& location) {
-    return is_directory_no_follow(store_path(app, &location));
+    return !leads_elsewhere(location) && is_directory_no_follow(store_path(app, &location));
 }
 
 const StoreLocation* find_app_location(const std::string& app, VelkctlError** error) {

@@ -89,6 +89,13 @@ void clear_staging(const std::string& path);
  */
 [[nodiscard]] const StoreLocation* find_app_location(const std::string& app, VelkctlError** error);
 
+/**
+ * Nothing is done through a link at the place of a card's applications: a card comes from anywhere.
+ *
+ * @param error  code 1 "Attempt to use reserved directory '%s' as a symlink"
+ */
+[[nodiscard]] bool require_own_directory(const StoreLocation& location, VelkctlError** error);
+
 /** Decides whether a path found by collect_paths is kept. */
 using PathFilter = std::function<bool(const std::string& path)>;
 

@@ -206,8 +206,10 @@ bool verify_package(const Package& package, VerifiedParts* parts, VelkctlError**
     const bool passes = judge(package, package.path().c_str(), &judgement, error);
     hand_out_or_delete(judgement.made.signature, nullptr);
     // An interruption says nothing about the package.
-    if (!passes && kept_signal() != 0)
+    if (!passes && kept_signal() != 0) {
         hand_out_or_delete(judgement.made.data, nullptr);
+        judgement.made.data.clear();
+    }
     parts->data = judgement.is_signed ? judgement.made.data : package.path();
     if (passes && judgement.is_signed)
         parts->signature = std::move(judgement.signature);

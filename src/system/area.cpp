@@ -190,6 +190,17 @@ std::optional<AreaFile> open_area_file(const AreaDirectory& directory, const std
     return std::nullopt;
 }
 
+std::optional<AreaFile> open_area_file_itself(const AreaDirectory& directory, const std::string& relative,
+                                              const char* operation, VelkctlError** error) {
+    if (!open_area_file(directory, relative, operation, error))  // which tells what leads out
+        return std::nullopt;
+    UniqueFd fd = open_inside(directory, relative, O_PATH, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
+    if (fd)
+        return AreaFile(std::move(fd), directory.path_of(relative));
+    fail(error, operation, directory.path_of(relative), errno);
+    return std::nullopt;
+}
+
 std::optional<AreaFile> find_area_file(const AreaDirectory& directory, const std::string& name) {
     // Whatever lies there is not waited for.
     UniqueFd fd(openat(directory.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));

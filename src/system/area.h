@@ -140,6 +140,14 @@ class AreaFile {
                                                      const std::string& relative, const char* operation,
                                                      VelkctlError** error);
 
+/**
+ * The same, where no link may lie on the way: one that stays inside fails the operation, one that leads out
+ * is code 1 as well.
+ */
+[[nodiscard]] std::optional<AreaFile> open_area_file_itself(const AreaDirectory& directory,
+                                                            const std::string& relative,
+                                                            const char* operation, VelkctlError** error);
+
 /** The regular file `name` for reading, or nothing when there is none; a link is none. */
 [[nodiscard]] std::optional<AreaFile> find_area_file(const AreaDirectory& directory, const std::string& name);
 

@@ -20,6 +20,7 @@
 #include "base/interruption.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "system/area.h"
 #include "system/file.h"
 #include "system/subprocess.h"
 #include "system/user-database.h"
@@ -225,17 +226,31 @@ static bool judge_exit(int status, const std::string& script, const std::string&
     return true;
 }
 
+/**
+ * Whether the script is there and may be read and executed by its owner. It lies in the application's own
+ * area, where no link is to lead to what is somebody else's.
+ */
+static bool check_script(const std::string& script, const std::string& directory, VelkctlError** error) {
+    ErrorSlot existence;
+    if (!path_exists(directory + "/" + script, existence))
+        return fail(error, VELKCTL_ERROR_GENERAL,
+                    "The manifest lists an install script, '%s', but the file is missing.", script.c_str());
+    const std::optional<AreaDirectory> application = open_area(directory, error);
+    const std::optional<AreaFile> file =
+        application ? open_area_file_itself(*application, script, "Failed to stat", error) : std::nullopt;
+    if (!file)
+        return false;
+    ErrorSlot refused;
+    if (check_permissions(file->access_path(), S_IRUSR | S_IXUSR, false, refused))
+        return true;
+    move_with_known_paths(refused, {{file->access_path(), file->path()}}, error);
+    return false;
+}
+
 bool run_script_as_user(const std::string& script, const std::string& directory, const std::string& user,
                         ScriptRunOptions options, VelkctlError** error) {
     const std::string path = directory + "/" + script;
-    ErrorSlot existence;
-    if (!path_exists(path, existence)) {
-        velkctl_error_set(error, VELKCTL_ERROR_GENERAL,
-                          "The manifest lists an install script, '%s', but the file is missing.",
-                          script.c_str());
-        return false;
-    }
-    if (!check_permissions(path, S_IRUSR | S_IXUSR, false, error))
+    if (!check_script(script, directory, error))
         return false;
     if (fail_when_interrupted(error))
         return false;

@@ -25,10 +25,11 @@ struct ScriptRunOptions {
  *
  * @param script     path relative to the directory, as the manifest gives it
  * @param directory  the application directory
- * @param error      code 10 when the file is missing, may not be read and executed by its owner, cannot be
- * run as the user (exit status 71 means that, whoever exits with it), is ended by a signal, or fails by the
- *                   options' rules; code 15 on the time-out; code 35 when it asked for the installation to be
- *                   abandoned. What the script wrote stays.
+ * @param error      code 1 "Path %s is outside of application directory %s"; code 10 when the file is
+ * missing, is a link or behind one, may not be read and executed by its owner, cannot be run as the user
+ * (exit status 71 means that, whoever exits with it), is ended by a signal, or fails by the options' rules;
+ * code 15 on the time-out; code 35 when it asked for the installation to be abandoned. What the script wrote
+ * stays.
  */
 [[nodiscard]] bool run_script_as_user(const std::string& script, const std::string& directory,
                                       const std::string& user, ScriptRunOptions options,

@@ -84,8 +84,9 @@ std::map<std::string, bool> active_applications(const std::vector<std::string>& 
     for (const std::string& app : apps) {
         const std::string unit = paths::service_unit_name(app);
         app_of[unit] = app;
-        // What is no text for the bus is left to be asked for alone.
-        if (g_utf8_validate(unit.data(), static_cast<gssize>(unit.size()), nullptr))
+        // What is no text for the bus, or another's unit, is left to be asked for alone.
+        if (g_utf8_validate(unit.data(), static_cast<gssize>(unit.size()), nullptr) &&
+            !owner_of_polling_service(app))
             g_variant_builder_add(&units, "s", unit.c_str());
     }
     ErrorSlot not_asked;

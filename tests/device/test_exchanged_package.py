@@ -15,8 +15,8 @@ import pytest
 import racer
 import store_support as support
 from apps import app, without_place
-from setups import STORE
-from store_support import STATES
+from setups import STORE, program
+from store_support import LAYERS, STATES
 from velkdevice import package
 from velkdevice.device import Device
 
@@ -139,3 +139,16 @@ def test_a_verification_is_of_one_package(camera: Device, full: bool) -> None:
             endings.add((result.status, result.stderr))
     assert race.exchanged
     assert endings <= {(0, f"Successfully verified signature of {PATH}\n"), support.MISMATCH, (1, INVALID)}
+
+
+@pytest.mark.parametrize("decoy", ["link", "directory", "pipe"])
+def test_what_takes_the_package_place_while_it_is_copied_is_not_kept(camera: Device, decoy: str) -> None:
+    """An unsigned package is copied by its path into the layer store, where root would read through a link."""
+    support.put(camera, archive(), "Sample.vlp")
+    make = {"link": "ln -s /etc/shadow", "directory": "mkdir", "pipe": "mkfifo"}[decoy]
+    script = f'case "$2" in {PATH}) mv {PATH} {DECOY} && {make} {PATH} ;; esac\nexec "$REAL" "$@"\n'
+    with program(camera, "cp", script) as env:
+        result = camera.velkctl("import", PATH, "internal_vlpfs", env=env)
+    assert (result.status, result.stderr) == (1, UNSIGNED + INVALID)
+    assert camera.sh(f"find {LAYERS}/Sample").check().stdout == f"{LAYERS}/Sample\n"
+    camera.sh(f"rmdir {LAYERS}/Sample").check()

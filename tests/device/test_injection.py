@@ -135,7 +135,7 @@ def test_a_parameter_name_is_a_word(workshop: Device, put_package: Put) -> None:
 
 # --- handlers of web requests ---
 
-HANDLERS = ['say "hi".cgi', "back\\slash.cgi", "per%cent%20.cgi", "do$llar ${x}.cgi", "ünï <b> ' #.cgi", "[a-z]*\\.cgi"]
+HANDLERS = ['say "hi".cgi', "back\\slash.cgi", "per%cent%20.cgi", "do$llar {x}.cgi", "ünï <b> ' #.cgi", "[a-z]*\\.cgi"]
 # Left to Apache: a FastCGI request whose name holds a question mark, which its proxy takes for the query's.
 PATTERNS = ["*", "[i]ndex.html", "?ndex.html", "a\\[*?]b", "[!a]*"]
 

@@ -68,7 +68,8 @@ def test_without_a_definition_there_is_nothing_to_load(camera: Device) -> None:
 # What is exchanged for what in the definition.
 FOREIGN = [
     ("group Sample {", "group Other {"), ("group Sample {", "group sample {"), ("/dynamic/Sample", "/dynamic/Other"),
-    ("Standard2{Sample}", "Standard2{Other}"), ("{Speed}", "{Slow}"), ("Standard2{Sample}{Speed}", "Standard2{Other}{X}"),
+    ("Standard2{Sample}", "Standard2{Other}"), ("{Speed}", "{Slow}"),
+    ("Standard2{Sample}{Speed}", "Standard2{Other}{X}"),
     ("param Speed {", "param Other {"), ("param Speed {", "param 1 {"), ("Standard2parser", "Otherparser"),
     ("--system --dest=com.orvo.Param.Sample", "--system --dest=com.orvo.Other"), ("'$VALUE'", "'$VALUE'; reboot"),
     ('  type = "', '  run = "'), ("}\n}\n", "}\n}\ngroup Other {\n}\n"), ("}\n}\n", "}\n"), ("}\n}\n", "}\n}\n\0"),
@@ -86,8 +87,8 @@ def test_a_definition_that_says_anything_of_another_group_is_not_loaded(camera: 
 
 
 def test_what_the_application_may_say_of_its_own_group_is_loaded(camera: Device) -> None:
-    changed = (camera.read(FILE).replace("operator:1;viewer:0", "operator:3;viewer:1").replace("max=9", "max=99")
-               .removesuffix("}\n")) + 'param New {\n  type = "string"\n  mount = "Standard2{Sample}{New}"\n}\n}\n'  # fmt: skip
+    changed = camera.read(FILE).replace("operator:1;viewer:0", "operator:3;viewer:1").replace("max=9", "max=99")
+    changed = changed.removesuffix("}\n") + 'param New {\n  type = "string"\n  mount = "Standard2{Sample}{New}"\n}\n}\n'
     camera.write(FILE, changed)
     assert restore(camera) == RESTORED
     assert loaded(camera) == {"Other": OTHER, "Sample": changed}

@@ -72,7 +72,7 @@ FAULTS: list[tuple[str, Files, str, str, str]] = [
      f"code 10: src/system/area.cpp: Failed writing to file: {STORE}/Sample/conf/Sample.conf: "),
     ("a directory in the place of the policy", app(), no_file("/etc/dbus-1/system.d/Sample.conf"),
      "rmdir /etc/dbus-1/system.d/Sample.conf", WRITING.format("/etc/dbus-1/system.d/Sample.conf")),
-    ("a link of parameters that is there", app(), "ln -s /nowhere /etc/dynamic/Sample.conf", ":",
+    ("a link of parameters that is there", app(), "ln -s /nowhere /etc/dynamic/Sample.conf", "rm /etc/dynamic/Sample.conf",
      "code 10: src/system/file.cpp: Failed creating symbolic link from /etc/dynamic/Sample.conf to "
      f"{STORE}/Sample/conf/Sample.conf: error File exists\n"),
     ("a directory that is published", app(), "mkdir /usr/html/local/Sample", "rmdir /usr/html/local/Sample",

@@ -12,6 +12,7 @@ from setups import (SETTINGS, STAYING, STORE, UNITS, UNITS_FAILED, Put, changed,
 from store_support import CARD
 from velkdevice.device import Device
 
+COMPOSE = "/usr/local/lib/docker/cli-plugins"
 SUMMARY = "code 10: src/integration/velkctl-teardown.cpp: Failure during teardown of Sample\n"
 
 
@@ -242,17 +243,17 @@ def test_a_step_that_fails_is_a_warning_and_the_rest_goes(
     assert outside(workshop, "Sample") == before
 
 
-def test_a_docker_socket_that_stays_is_a_failure(workshop: Device, put_package: Put) -> None:
+def test_a_docker_link_that_stays_is_a_failure(workshop: Device, put_package: Put) -> None:
     tools: dict[str, Any] = {"docker": "#!/bin/sh\n", "docker-compose": "#!/bin/sh\n"}
     workshop.sh("mkdir -p /usr/local/lib/docker/cli-plugins").check()
     try:
         set_up(workshop, put_package, configured(containers={"createDockerSymlinks": True}) | tools)
-        workshop.sh("mkdir /run/docker.sock").check()
+        workshop.sh(f"chattr +i {COMPOSE}").check()
         assert velkctl(workshop, "teardown", "Sample") == (
             10, "Failed to teardown docker setup during teardown of Sample: src/system/file.cpp: Failed removing "
-            f"/var/run/docker.sock: Is a directory\n{SUMMARY}")  # fmt: skip
+            f"{COMPOSE}/docker-compose: Operation not permitted\n{SUMMARY}")  # fmt: skip
     finally:
-        workshop.sh("rm -rf /run/docker.sock /usr/local/lib/docker").check()
+        workshop.sh(f"chattr -i {COMPOSE}; rm -rf /usr/local/lib/docker").check()
 
 
 def test_a_service_manager_that_does_not_reload_is_a_failure(workshop: Device, put_package: Put) -> None:
@@ -272,13 +273,15 @@ ALL_WRONG = f"""
     set -e
     echo 'no library' >/usr/lib/velkctl/plugins/Broken.so
     rm /etc/dynamic/Sample.conf && mkdir /etc/dynamic/Sample.conf
-    mkdir /etc/apache2/fcgi/fcgi_Sample.conf /run/docker.sock
+    mkdir /etc/apache2/fcgi/fcgi_Sample.conf
+    chattr +i {COMPOSE}
     mv /etc/subgid /etc/subgid.away
     rm {UNITS}/sdkSample.service && mkdir {UNITS}/sdkSample.service
     mkdir -p /run/orvo-test/fail && echo 'Not today' >/run/orvo-test/fail/RemoveUser
 """
 ALL_RIGHT = f"""
-    rm -r /usr/lib/velkctl/plugins/Broken.so /etc/dynamic/Sample.conf /etc/apache2/fcgi/fcgi_Sample.conf /run/docker.sock
+    rm -r /usr/lib/velkctl/plugins/Broken.so /etc/dynamic/Sample.conf /etc/apache2/fcgi/fcgi_Sample.conf
+    chattr -i {COMPOSE}
     rm -rf /etc/subgid {UNITS}/sdkSample.service /run/orvo-test
     mv /etc/subgid.away /etc/subgid
 """

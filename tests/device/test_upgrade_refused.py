@@ -240,3 +240,18 @@ def test_a_package_that_another_takes_the_place_of(
         refused(support.archive(members()), (1, UNSIGNED + INVALID[1]), location, env=env)
     finally:
         device.sh("rm -rf /run/fake-tar").check()
+
+
+def test_a_package_among_the_old_version_s_files_does_not_go_with_them(upgrade: Upgrade, unsigned: None) -> None:
+    """A signed one is copied before; an unsigned one would be gone once it is to be unpacked."""
+    del unsigned
+    upgrade.prepare()
+    device, path = upgrade.device, f"{SAMPLE}/localdata/New.vlp"
+    device.write(path, packed())
+    result = device.velkctl("install", path)
+    told = f"{UNSIGNED}code 10: Path is not a valid canonicalizable path: {path}\n"
+    assert (result.status, without_place(result.stderr), version(device, "Sample")) == (10, told, "1.0.0")
+    assert device.exists("/etc/systemd/system/sdkSample.service")
+    device.write(path, support.signed(packed()))
+    result = device.velkctl("install", path)
+    assert (result.status, without_place(result.stderr), version(device, "Sample")) == (*SAMPLE_DONE, "2.0.0")

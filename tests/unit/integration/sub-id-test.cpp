@@ -58,6 +58,7 @@ TEST(SubIdStart, IsThatOfTheUsersPresentRange) {
 
 TEST(SubIdStart, DoesNotTakeAGroupsLineForARange) {
     EXPECT_EQ(start_in("991:44:1\n991:1000:1\n991:400000:65536\n"), "400000");
+    EXPECT_EQ(start_in("991:1001:1\n991:70000:1\n991:400000:65536\n"), "400000");
     EXPECT_EQ(start_in("991:1000:1\n"), "101000");
 }
 

@@ -139,6 +139,7 @@ TEST(CardUnits, WaitForTheCardAndMountTheOverlay) {
     const OverlayUnit overlay{"Sample", "/usr/local/packages/Sample",
                               "/var/spool/storage/SD_DISK/packages/Sample", "sdkSample-disk-mounted.service"};
     EXPECT_EQ(card_overlay_unit_text(overlay, error), expected("card-overlay.mount"));
+    EXPECT_EQ(card_overlay_drop_in_text(overlay, error), expected("card-overlay-nodev.conf"));
     EXPECT_EQ(test::describe(error), "none");
 }
 

@@ -121,31 +121,30 @@ TEST(RequestedMethods, AreListsOfStrings) {
 
 namespace {
 
-std::string static_refusal(const std::string& manifest, const std::string& user = "root", bool dlpu = false) {
+std::string static_refusal(const std::string& manifest, bool dlpu = false) {
     ParsedManifest parsed;
-    parsed.appName = "Sample";
-    parsed.user = user;
     parsed.dlpuEnabled = dlpu;
     const test::LogCapture log;
     ErrorSlot error;
-    EXPECT_FALSE(check_static_user(test::json_of(manifest).get(), parsed, error));
+    EXPECT_FALSE(check_static_user("Sample", test::json_of(manifest).get(), parsed, error));
     return test::describe(error) + "|" + log.text();
 }
 
-std::string with_group(const std::string& group, const std::string& more = "") {
-    return R"({"velkPackageConf": {"setup": {"user": {"username": "root", "group": ")" + group + "\"}}}" +
-           more + "}";
+std::string with_group(const std::string& group, const std::string& more = "",
+                       const std::string& user = "root") {
+    return R"({"velkPackageConf": {"setup": {"user": {"username": ")" + user + R"(", "group": ")" + group +
+           "\"}}}" + more + "}";
 }
 
 }  // namespace
 
 TEST(StaticUser, MayNotAskForBusMethods) {
-    EXPECT_EQ(static_refusal(with_group("root", R"(, "resources": {"dbus": {}})"), "root", true),
+    EXPECT_EQ(static_refusal(with_group("root", R"(, "resources": {"dbus": {}})"), true),
               "29 Manifest contains dbus methods together with a legacy user|");
 }
 
 TEST(StaticUser, MayNotAskForTheProcessor) {
-    EXPECT_EQ(static_refusal(with_group("root"), "root", true),
+    EXPECT_EQ(static_refusal(with_group("root"), true),
               "29 Manifest requests DLPU access together with a legacy user|");
 }
 
@@ -157,7 +156,7 @@ TEST(StaticUser, NeedsAGroupBesideTheUser) {
 }
 
 TEST(StaticUser, MustExist) {
-    EXPECT_EQ(static_refusal(with_group("root"), "no-such-user"), "29 User in manifest does not exist|");
+    EXPECT_EQ(static_refusal(with_group("root", "", "no-such-user")), "29 User in manifest does not exist|");
     EXPECT_EQ(static_refusal(with_group("no-such-group")), "29 Group in manifest does not exist|");
 }
 

@@ -47,3 +47,29 @@ TEST(WebText, WritesTheMarkOfARegularExpressionAsAName) {
               "  <Files \"~a\">\n    Require orvo-group admin\n  </Files>\n"
               "</Directory>\n\n");
 }
+
+TEST(WebText, HidesAVariableOfTheServerInASectionsName) {
+    EXPECT_EQ(access_rules_text({{"/a${X}", {{R"(\${X}.html)", "viewer"}, {"$1", "admin"}}}}),
+              "<Directory \"/a[$]{X}\">\n"
+              "  <Files \"\\\\\\\\[$]{X}.html\">\n    Require orvo-group viewer\n  </Files>\n"
+              "  <Files \"$1\">\n    Require orvo-group admin\n  </Files>\n"
+              "</Directory>\n\n");
+    EXPECT_TRUE(names_variable("a${X}b"));
+    EXPECT_TRUE(names_variable("${"));
+    EXPECT_FALSE(names_variable("$1{x}$"));
+}
+
+TEST(WebText, KnowsWhichNamesFitIntoAConfiguration) {
+    EXPECT_TRUE(fits_configuration(std::string(4000, 'a')));
+    EXPECT_FALSE(fits_configuration(std::string(4001, 'a')));
+    EXPECT_TRUE(fits_configuration(std::string(1333, '*')));
+    EXPECT_FALSE(fits_configuration(std::string(1334, '*')));
+}
+
+TEST(WebText, BeginsWithAMarkOfTheApplication) {
+    EXPECT_TRUE(transfer_text("Sample", {"a"}).starts_with(transfer_mark("Sample")));
+    EXPECT_FALSE(transfer_text("Sample2", {"a"}).starts_with(transfer_mark("Sample")));
+    EXPECT_TRUE(fcgi_text("/a", "/s", {"b"}).starts_with(directory_mark("/a")));
+    EXPECT_TRUE(access_rules_text({{"/a", {}}}).starts_with(directory_mark("/a")));
+    EXPECT_FALSE(access_rules_text({{"/a2", {}}}).starts_with(directory_mark("/a")));
+}
