@@ -59,8 +59,11 @@ bool keeps_user(const Installation& installation) {
 
 /** Find all that is wrong with the new version while the old one still stands. */
 bool check_new_version(const Installation& installation, VelkctlError** error) {
+    const Package& package = *installation.package;
     return verify_for_import(installation.package, *installation.location, error) &&
-           check_replacement(installation.package, *installation.location, error);
+           check_replacement(installation.package, *installation.location, error) &&
+           check_restorable(package.app(), package.manifest(), *installation.location,
+                            package.size() ? package.size()->bytes : 0, error);
 }
 
 bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError** error) {
@@ -80,22 +83,28 @@ bool upgrade(const Installation& installation, OperationLock* lock, VelkctlError
     return false;
 }
 
-/** Take an application away whose data could not be restored; the backup goes only when the application is
- * gone. */
+/** Take an application away whose data could not be restored; the backup goes aside only when the application
+ * is gone. */
 void uninstall_unstable(const std::string& app) {
     const Uninterrupted shield;
     log_warning("Failed to restore %s. Will attempt to uninstall it.", app.c_str());
     ErrorSlot ignored;
     if (velkctl_teardown(app, false, false, ignored) != 0 || velkctl_remove(app, ignored) != 0 ||
-        remove_backup(app, ignored) != 0)
+        !put_backup_aside(app, ignored))
         log_warning("Failed to teardown and/or remove unstable app %s", app.c_str());
 }
 
 bool restore_saved_data(const std::string& app, VelkctlError** error) {
-    if (!backup_exists(app) || velkctl_restore(app, error) == 0)
+    if (!backup_exists(app))
         return true;
-    uninstall_unstable(app);
-    return false;
+    if (velkctl_restore(app, error) != 0) {
+        uninstall_unstable(app);
+        return false;
+    }
+    ErrorSlot leftover;
+    if (!remove_backup_aside(app, leftover))
+        warn_and_clear_error(leftover, nullptr);
+    return true;
 }
 
 }  // namespace
@@ -123,14 +132,17 @@ int velkctl_install(const std::string& package, const StoreLocation* location, c
         failure.move_to(error);
         return -1;
     }
-    if (skipped)
+    if (skipped) {
         log_info("Installation of %s was skipped", path);
+        return put_backup_aside(app, error) ? 0 : -1;
+    }
     return remove_backup(app, error);
 }
 
 int velkctl_uninstall(const std::string& app, bool reload, VelkctlError** error) {
     OperationLock lock;
-    if (!is_valid_app_name(app, error) || !lock.take(app, error) || remove_backup(app, error) != 0)
+    if (!is_valid_app_name(app, error) || !lock.take(app, error) || remove_backup(app, error) != 0 ||
+        !remove_backup_aside(app, error))
         return -1;
     ErrorSlot trouble;
     if (velkctl_teardown(app, reload, false, trouble) != 0) {

@@ -90,8 +90,11 @@ bool names_directory(int directory, const dirent& entry) {
 }
 
 UniqueFd open_below(int directory, const std::string& name, bool enter_mounts) {
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    if (enter_mounts)
+        return UniqueFd(openat(directory, name.c_str(), flags));
     open_how how{};
-    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_SYMLINKS | (enter_mounts ? 0 : RESOLVE_NO_XDEV);
+    how.flags = flags;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
     return UniqueFd(static_cast<int>(syscall(SYS_openat2, directory, name.c_str(), &how, sizeof how)));
 }

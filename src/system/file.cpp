@@ -91,6 +91,10 @@ bool flush_path(const std::string& path, VelkctlError** error) {
     return false;
 }
 
+bool exchange_names(const std::string& one, const std::string& other) {
+    return renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
+}
+
 bool flush_and_rename(const std::string& from, const std::string& to, VelkctlError** error) {
     if (!flush_path(from, error))
         return false;

@@ -41,6 +41,8 @@
 
 /** Press a file or directory to the disk. "Failed flushing %s: %s". */
 [[nodiscard]] bool flush_path(const std::string& path, VelkctlError** error);
+/** Let two names take each other's place in one step; false where that cannot be done. */
+[[nodiscard]] bool exchange_names(const std::string& one, const std::string& other);
 /** Flush, then rename. "Failed renaming %s to %s: %s". */
 [[nodiscard]] bool flush_and_rename(const std::string& from, const std::string& to, VelkctlError** error);
 /** The same when `from` is a directory or a regular file; otherwise nothing, successfully. */

@@ -13,6 +13,7 @@ from collections.abc import Iterator
 from typing import Any
 
 import pytest
+import stepper
 from apps import LOCK, app, example, installation, is_locked, stored, uninstallation, without_place
 from conftest import LAST_SEEN
 from setups import SETTINGS, STORE, UNITS, Put, changed, failing, fetch, look_at, outside, program, section, velkctl
@@ -505,11 +506,6 @@ def upgrade(camera: Device, put_package: Put) -> Upgrade:
     return Upgrade(camera, put_package)
 
 
-def without_cause(told: str) -> str:
-    """What is told of a command that failed, without the cause at its end: whatever the program itself met last."""
-    return told.split(" with the error: ")[0]
-
-
 def test_another_vendor_changes_nothing(upgrade: Upgrade) -> None:
     upgrade.prepare()
     text = "code 27: Vendor ID in manifest does not match the vendor ID of the previous version\n"
@@ -520,10 +516,11 @@ def test_another_vendor_changes_nothing(upgrade: Upgrade) -> None:
 
 def test_a_backup_that_fails_leaves_the_old_version(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    with program(upgrade.device, "cp", 'case "$*" in *localdata*) exit 1 ;; esac\nexec "$REAL" "$@"\n') as env:
-        status, told = upgrade.to_new(env=env)
-    copy = f"cp -fdr '{SAMPLE}/localdata' '{BACKUPS}/Sample.tmp/localdata'"
-    assert (status, without_cause(told)) == (10, f'code 10: src/system/subprocess.cpp: Failed running "{copy}"')
+    upgrade.device.sh(f"mkdir -p {BACKUPS}; chattr +i {BACKUPS}").check()
+    outcome = upgrade.to_new()
+    upgrade.device.sh(f"chattr -i {BACKUPS}").check()
+    assert outcome == (10, "code 10: src/system/file.cpp: Could not create directory "
+                           f"{BACKUPS}/Sample.tmp: Operation not permitted\n")  # fmt: skip
     assert upgrade.left() == []
     assert upgrade.to_new() == SAMPLE_DONE
     assert upgrade.left() == UPGRADED
@@ -634,9 +631,8 @@ def test_a_failed_teardown_of_the_old_version_reloads_nothing(upgrade: Upgrade) 
 
 def test_an_application_that_cannot_take_its_data_back_leaves_without_a_reload(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    harm_settings(upgrade)
     # The looks are those of the restore and of the teardown after it.
-    assert calls_of_failure(upgrade) == [LOOK, "daemon-reload", "reload httpd", LOOK, LOOK]
+    assert calls_of_failure(upgrade, harming()) == [LOOK, "daemon-reload", "reload httpd", LOOK, LOOK]
 
 
 def test_a_setup_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade) -> None:
@@ -658,50 +654,107 @@ def test_a_user_service_that_fails_leaves_the_saved_data_alone(upgrade: Upgrade)
     assert upgrade.left_without() == SAVED
 
 
-def test_an_installation_that_is_skipped_leaves_nothing(upgrade: Upgrade) -> None:
+def test_an_installation_that_is_skipped_leaves_only_the_saved_data_aside(upgrade: Upgrade) -> None:
     """The script of the new version said that it does not want to be installed, which counts as a success."""
     upgrade.prepare()
     files = installation(old_version(version="2.0.0"), postInstallScript="after.sh") | {"after.sh": "#!/bin/sh\nexit 78\n"}
     path = upgrade.put_package(upgrade.device, files)
     status, told = upgrade.to_new(files, "--skip-if-ex-config")
-    assert (status, told) == (0, f"Installation of {path} was skipped\n" + SAMPLE_DONE[1])
-    assert upgrade.left_without() == []
+    assert (status, told) == (0, f"Installation of {path} was skipped\n" + KEPT_ASIDE + SAMPLE_DONE[1])
+    assert upgrade.left_without() == ASIDE
 
 
-def harm_settings(upgrade: Upgrade) -> None:
-    """Settings that cannot be merged: they are saved as they are, and found out only when they are brought back."""
-    upgrade.device.write(f"{STORE}/Sample/conf/Sample.conf", "no settings\n", 0o600, "velk-sample")
+KEPT_ASIDE = f"The backup of Sample is kept at {BACKUPS}/Sample.aside\n"
+ASIDE = saved("Sample.aside", SAVED_FILES)
 
 
-BROKEN = ("code 10: src/system/key-file.cpp: Failed loading keys from: Sample.conf Error: "
-          "Key file contains line “no settings” which is not a key-value pair, group, or comment\n")  # fmt: skip
+def harming(*, then: str = "") -> dict[str, Any]:
+    """A new version whose script spoils its own settings, so that the saved ones cannot be merged with them."""
+    script = f'#!/bin/sh\ncd {SAMPLE} || exit 1\necho no settings >conf/Sample.conf\n{then}'
+    return installation(old_version(version="2.0.0"), postInstallScript="after.sh") | {"after.sh": script}
 
 
-def test_a_restore_that_fails_takes_the_new_version_away_with_the_saved_data(upgrade: Upgrade) -> None:
+NO_SETTINGS = "Key file contains line “no settings” which is not a key-value pair, group, or comment\n"
+BROKEN = f"code 10: src/system/key-file.cpp: Failed loading keys from: {SAMPLE}/conf/Sample.conf Error: " + NO_SETTINGS
+
+
+def test_saved_settings_that_cannot_be_merged_leave_the_old_version(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    harm_settings(upgrade)
-    assert upgrade.to_new() == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + BROKEN)
-    assert upgrade.left_without() == []
+    upgrade.device.write(f"{SAMPLE}/conf/Sample.conf", "no settings\n", 0o600, "velk-sample")
+    text = "code 10: src/system/key-file.cpp: Failed loading keys from: Sample.conf Error: " + NO_SETTINGS
+    assert upgrade.to_new() == (10, text)
+    broken = saved("Sample", SAVED_FILES | {"Sample.conf": "f 600 root:root no settings|"})
+    assert upgrade.left() == sorted([*broken, f"~{SAMPLE}/conf/Sample.conf"])
+    assert version(upgrade.device, "Sample") == "1.0.0"
 
 
-@pytest.mark.parametrize(("name", "line"), [
-    ("cp", f"cp -fdr 'localdata' '{SAMPLE}/localdata.tmp'"),
-    ("chown", f"chown -hR 'velk-sample' '{SAMPLE}/localdata.tmp'")])  # fmt: skip
-def test_data_that_cannot_be_brought_back_takes_the_new_version_away_too(upgrade: Upgrade, name: str, line: str) -> None:
+def test_parameters_that_no_set_up_takes_leave_the_old_version(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    with program(upgrade.device, name, 'case "$*" in *localdata.tmp) exit 1 ;; esac\nexec "$REAL" "$@"\n') as env:
-        status, told = upgrade.to_new(env=env)
-    assert (status, without_cause(told)) == (10, "Failed to restore Sample. Will attempt to uninstall it.\n"
-                                                 f'code 10: src/system/subprocess.cpp: Failed running "{line}"')  # fmt: skip
+    parameters = [{"name": "1st", "default": "", "type": "string"}]
+    files = section(old_version(version="2.0.0"), "velkPackageConf.configuration.paramConfig", parameters)
+    assert upgrade.to_new(files) == (29, "code 29: Parameter name must only contain alphanumeric characters or '_'.\n")
+    assert (upgrade.left(), version(upgrade.device, "Sample")) == (SAVED, "1.0.0")
+
+
+def test_saved_data_that_has_no_room_at_the_new_place_leaves_the_old_version(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    large = f"{SAMPLE}/localdata/large"
+    upgrade.device.sh(f"head -c 30000000 /dev/zero | tr '\\0' x >{large}; chown velk-sample {large}").check()
+    upgrade.device.insert_card("SD_DISK2", megabytes=16)
+    try:
+        path = upgrade.put_package(upgrade.device, old_version(version="2.0.0"))
+        upgrade.device.sh(f"mkdir -p {CARD2}").check()
+        result = upgrade.device.velkctl("install", path, "sd_card2")  # gpgv tells of the signature on its output
+        assert (result.status, re.sub(r"\d{4,}", "N", result.stderr)) == (
+            3, "code 3: No room for the saved data of Sample. Required: N bytes, available: N bytes.\n")  # fmt: skip
+        assert version(upgrade.device, "Sample") == "1.0.0"
+    finally:
+        upgrade.device.remove_card("SD_DISK2")
+
+
+def test_a_restore_that_fails_takes_the_new_version_away_and_keeps_the_saved_data_aside(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    assert upgrade.to_new(harming()) == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + KEPT_ASIDE + BROKEN)
+    assert upgrade.left_without() == ASIDE
+    # A new installation has nothing to restore; the next one that has takes its place.
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert [line for line in upgrade.left_without() if BACKUPS in line] == ASIDE
+    assert upgrade.to_new() == SAMPLE_DONE
+    assert [line for line in upgrade.left_without() if BACKUPS in line] == []
+
+
+def test_what_is_kept_aside_goes_with_an_uninstallation_and_for_a_newer_one(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    upgrade.device.sh(f"mkdir -p {BACKUPS}/Sample.aside/old").check()
+    upgrade.to_new(harming())
+    assert upgrade.left_without() == ASIDE
+    assert velkctl(upgrade.device, "uninstall", "Sample")[0] == 4
     assert upgrade.left_without() == []
+
+
+def to_new_held(upgrade: Upgrade, script: str) -> tuple[int, str]:
+    """The upgrade to the new version, during which something happens when its data is on the way back."""
+    path = upgrade.put_package(upgrade.device, old_version(version="2.0.0"))
+    command = ["/usr/bin/velkctl", "install", path]
+    with stepper.hold(upgrade.device, command, when=f"{SAMPLE}/localdata.tmp/localdata") as held:
+        upgrade.device.sh(script).check()
+        result = held.let_go()
+    return result.status, without_place(result.stderr)
+
+
+def test_data_that_cannot_be_brought_back_takes_the_new_version_away_too(upgrade: Upgrade) -> None:
+    upgrade.prepare()
+    outcome = to_new_held(upgrade, f"cd {SAMPLE} && rm -r localdata && echo file >localdata")
+    assert outcome == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + KEPT_ASIDE +
+                       "code 10: src/lifecycle/velkctl-restore.cpp: Failed renaming "
+                       f"{SAMPLE}/localdata.tmp to {SAMPLE}/localdata: Not a directory\n")  # fmt: skip
+    assert upgrade.left_without() == ASIDE
 
 
 def test_the_saved_data_stays_when_the_new_version_cannot_be_taken_away(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    harm_settings(upgrade)
-    scripts = {"before.sh": "#!/bin/sh\n", "after.sh": "#!/bin/sh\nrm before.sh\n"}
-    files = uninstallation(old_version(version="2.0.0"), preUninstallScript="before.sh") | scripts
-    status, told = upgrade.to_new(installation(files, postInstallScript="after.sh"))
+    files = uninstallation(harming(then="rm before.sh\n"), preUninstallScript="before.sh")
+    status, told = upgrade.to_new(files | {"before.sh": "#!/bin/sh\n"})
     script = ("Failed to run pre-uninstall script during teardown of Sample: "
               "The manifest lists an install script, 'before.sh', but the file is missing.\n")  # fmt: skip
     assert (status, told) == (10, "Failed to restore Sample. Will attempt to uninstall it.\n" + script
@@ -709,15 +762,12 @@ def test_the_saved_data_stays_when_the_new_version_cannot_be_taken_away(upgrade:
     assert version(upgrade.device, "Sample") == "2.0.0"
     gone = [f"-{SAMPLE}/localdata/note", *(f"-{name}" for name in USER)]
     come = [f"+{SAMPLE}/after.sh", f"~{RECORD}", f"~{SAMPLE}/manifest.json"]
-    broken = saved("Sample", SAVED_FILES | {"Sample.conf": "f 600 root:root no settings|"})
-    assert upgrade.left() == sorted(TORN_DOWN + gone + come + broken)
+    assert upgrade.left() == sorted(TORN_DOWN + gone + come + SAVED)
 
 
 def test_a_backup_that_cannot_be_deleted_is_told_and_the_new_version_stays(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    # The first chown of an upgrade is that of the restored data: until then the backup is written and moved.
-    with program(upgrade.device, "chown", f'chattr +i {BACKUPS}\nexec "$REAL" "$@"\n') as env:
-        outcome = upgrade.to_new(env=env)
+    outcome = to_new_held(upgrade, f"chattr +i {BACKUPS}")
     upgrade.device.sh(f"chattr -i {BACKUPS}").check()
     assert outcome == (10, "code 10: src/lifecycle/velkctl-backup.cpp: Could not remove backup. Rename failed.\n")
     assert version(upgrade.device, "Sample") == "2.0.0"
@@ -726,9 +776,8 @@ def test_a_backup_that_cannot_be_deleted_is_told_and_the_new_version_stays(upgra
 
 def test_a_backup_that_is_deleted_half_way_is_told_and_the_new_version_stays(upgrade: Upgrade) -> None:
     upgrade.prepare()
-    with program(upgrade.device, "chown", f'mount -t tmpfs none {BACKUPS}/Sample/localdata\nexec "$REAL" "$@"\n') as env:
-        status, told = upgrade.to_new(env=env)
-    upgrade.device.sh(f"umount {BACKUPS}/Sample.remove/localdata").check()
+    status, told = to_new_held(upgrade, f"mkdir {BACKUPS}/Sample/busy; mount -t tmpfs none {BACKUPS}/Sample/busy")
+    upgrade.device.sh(f"umount {BACKUPS}/Sample.remove/busy").check()
     assert (status, told.splitlines()[-1]) == (
         10, f"code 10: src/system/tree.cpp: Failed recursive removal of {BACKUPS}/Sample.remove")  # fmt: skip
     # Some of it is left; that is no backup any more, and the next one clears it away.
