@@ -126,9 +126,13 @@ static bool check_manifest(const PackageFile& package, const PackageContents& co
 /** What can be told of the unpacking without doing it. */
 static bool check_members(const PackageFile& package, const PackageContents& contents, VelkctlError** error) {
     const PackageMember* configuration = last_of_name(contents, "package.conf");
-    if (!configuration || configuration->type != '-' ||
-        unpacked_name(configuration->hard_link) == "manifest.json")
+    if (!configuration || configuration->type != '-' || !configuration->hard_link.empty())
         return fail_package(package, "holds no package.conf", error);
+    for (const PackageMember& member : contents.members) {
+        const std::string other = unpacked_name(member.hard_link);
+        if (other == "manifest.json" || other == "package.conf")
+            return fail_package(package, "holds another name of " + other, error);
+    }
     for (const PackageMember& member : contents.members)
         if (member.is_device)
             return fail_package(package, "holds a device: " + member.name, error);
