@@ -9,7 +9,9 @@
 #include "lifecycle/velkctl-backup.h"
 #include "lifecycle/velkctl-restore.h"
 #include "manifest/app-user.h"
+#include "manifest/manifest.h"
 #include "manifest/names.h"
+#include "store/application.h"
 #include "store/lock.h"
 #include "store/velkctl-import.h"
 #include "store/velkctl-remove.h"
@@ -52,8 +54,13 @@ bool back_up_installed(const std::string& app, VelkctlError** error) {
 
 /** Whether the installed version runs as the same user as the new one, so that the user can be kept. */
 bool keeps_user(const Installation& installation) {
+    const std::string files = find_application(installation.app()).packed_files();
     ErrorSlot unreadable;
-    const std::optional<std::string> installed = application_username(installation.app().c_str(), unreadable);
+    const JsonPtr manifest = files.empty() ? nullptr : load_manifest(files, unreadable);
+    bool is_dynamic = false;
+    const std::optional<std::string> installed =
+        manifest ? get_manifest_app_user(installation.app(), manifest.get(), &is_dynamic, unreadable)
+                 : std::nullopt;
     return installed && *installed == installation.package->parsed().user;
 }
 
