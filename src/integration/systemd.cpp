@@ -320,7 +320,8 @@ bool unmount_application(const std::string& app, const StoreLocation* location) 
     const std::string directory = paths::store_root_path(app);
     if (is_there_for_another(mount_unit_name(directory), directory, false))
         return true;
-    const bool gone = stop_mount(directory);
+    // Where the link stands nothing is mounted. Without it nothing would tell where the application is.
+    const bool gone = is_symlink(directory) || stop_mount(directory);
     (void)restore_store_link(app, location);
     ErrorSlot error;
     survive(remove_recursive(overlay_drop_in_directory(app), error), &error);

@@ -247,6 +247,7 @@ void lockfile_release() {
         return;
     if (held_file)
         remove_notes(held_file.get());
+    remove_stale_notes();  // of a lock that somebody deleted by hand
     if (is_lock_of_another())
         log_general_error("%sUnlinking lock file failed: It is another command's", LOG_PREAMBLE);
     else if (unlink(paths::kLockFile) != 0)

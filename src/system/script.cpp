@@ -162,7 +162,9 @@ static pid_t fork_for_script() {
     const pid_t pid = fork();
     if (pid == 0) {
         forget_interruptions();
-        std::signal(SIGPIPE, SIG_DFL);  // which talking on the bus lets be ignored
+        // The first is what talking on the bus lets be ignored, the others are the caller's choice for us.
+        for (const int number : {SIGPIPE, SIGQUIT, SIGTSTP, SIGTTIN, SIGTTOU})
+            std::signal(number, SIG_DFL);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return pid;

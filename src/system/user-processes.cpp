@@ -77,7 +77,6 @@ void end_processes_of_user(uid_t uid, const std::string& name) {
     int left = count_processes_of_user(uid);
     if (left == 0)
         return;
-    log_info("Killing %d processes of user %s", left, name.c_str());
     for (int tries = 0; left > 0 && tries < kTries; tries++) {
         kill_all_of(uid);
         left = count_processes_of_user(uid);

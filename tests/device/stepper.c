@@ -231,6 +231,11 @@ static _Noreturn void run_command(char** argv, int start) {
     if (settings.to_group && setpgid(0, 0) != 0) {
         give_up("cannot lead a process group");
     }
+    /* Whoever runs the tests in the background ignores some of them. */
+    signal(SIGINT, SIG_DFL);
+    signal(SIGQUIT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    signal(SIGHUP, SIG_DFL);
     install_filter();
     execvp(*argv, argv);
     fprintf(stderr, "velk-step: %s: %s\n", *argv, strerror(errno));

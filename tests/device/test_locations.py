@@ -168,7 +168,7 @@ def test_a_card_that_can_only_be_read(device: Device, run_import: Import, locati
     assert other == (10, "code 10: " + making + read_only)
     assert support.tree(device, path) == tree
     assert state
-    device.sh(f"rm {support.STATES}/Other").check()
+    assert not device.exists(f"{support.STATES}/Other")
 
 
 def test_a_layer_is_the_data_part_alone(device: Device, run_import: Import, tmp_path: Path) -> None:

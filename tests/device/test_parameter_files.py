@@ -47,7 +47,7 @@ def loaded(device: Device) -> dict[str, str]:
 # What an application makes of its file "$1".
 NO_FILES = [
     'rm "$1"; mkfifo -m 666 "$1"', 'ln -sf /dev/zero "$1"', 'rm "$1"; mkdir "$1"', 'ln -sf /nowhere "$1"',
-    'printf %1048576s >>"$1"', 'echo "group Other {\n}" >/tmp/other; ln -sf /tmp/other "$1"', ': >"$1"',
+    'echo "group Other {\n}" >/tmp/other; ln -sf /tmp/other "$1"', ': >"$1"',
 ]  # fmt: skip
 
 
@@ -56,6 +56,14 @@ def test_what_is_no_small_file_is_neither_waited_for_nor_loaded(camera: Device, 
     before = loaded(camera)
     camera.sh(script, FILE).check()
     assert restore(camera) == REFUSED
+    assert loaded(camera) == before
+
+
+def test_a_large_file_is_not_loaded(camera: Device) -> None:
+    before = loaded(camera)
+    camera.sh('printf %1048576s >>"$1"', FILE).check()
+    copied = f"src/system/copy-tree.cpp: Failed copying {FILE} to {FILE}.tmp: File too large\n"
+    assert restore(camera) == (10, f"code 10: {copied}")
     assert loaded(camera) == before
 
 

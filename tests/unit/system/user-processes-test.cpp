@@ -42,7 +42,7 @@ TEST(EndProcessesOfUser, EndsAllThatRunAsTheUserAndNobodyElses) {
     end_processes_of_user(kUser, "somebody");
     EXPECT_EQ(count_processes_of_user(kUser), 0);
     EXPECT_EQ(count_processes_of_user(kUser + 1), 1);
-    EXPECT_EQ(log.text(), "Killing 3 processes of user somebody\n");
+    EXPECT_EQ(log.text(), "");
     for (const pid_t pid : own) {  // they are only waited for
         int status = 0;
         ASSERT_TRUE(wait_for_child(pid, &status));
@@ -69,7 +69,6 @@ TEST(EndProcessesOfUser, WarnsOfThoseThatStay) {
     kill(pid, SIGKILL);
     ASSERT_TRUE(wait_for_child(pid, &status));
     EXPECT_EQ(log.text(),
-              "Killing 1 processes of user somebody\n"
               "1 processes of user somebody could not be killed\n");
 }
 
