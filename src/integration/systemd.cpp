@@ -286,13 +286,18 @@ bool remove_mounts_below(const std::string& directory) {
     return ok;
 }
 
-/** Disable and stop the mount of a directory and remove the directory; whether it is gone. */
-bool stop_mount(const std::string& directory) {
+/** Disable and stop the mount of a directory. */
+void stop_mount_unit(const std::string& directory) {
     const std::string unit = mount_unit_name(directory);
     ErrorSlot error;
     if (is_regular_file(unit_file(unit)))
         survive(systemctl_disable(unit, error), &error);
     survive(systemctl_stop(unit, error), &error);
+}
+
+/** Remove the directory that a mount stood on; whether it is gone. */
+bool remove_mount_point(const std::string& directory) {
+    ErrorSlot error;
     if (remove_link_or_empty_dir(directory, error))
         return true;
     error.clear();
@@ -320,8 +325,9 @@ bool unmount_application(const std::string& app, const StoreLocation* location) 
     const std::string directory = paths::store_root_path(app);
     if (is_there_for_another(mount_unit_name(directory), directory, false))
         return true;
+    stop_mount_unit(directory);
     // Where the link stands nothing is mounted. Without it nothing would tell where the application is.
-    const bool gone = is_symlink(directory) || stop_mount(directory);
+    const bool gone = is_symlink(directory) || remove_mount_point(directory);
     (void)restore_store_link(app, location);
     ErrorSlot error;
     survive(remove_recursive(overlay_drop_in_directory(app), error), &error);
@@ -353,7 +359,8 @@ bool remove_location_mounts(const std::string& app, const StoreLocation* locatio
     if (location->kind == STORE_INTERNAL_VLPFS) {
         const bool overlay_gone = unmount_application(app, location);
         const std::string lower = lower_directory(app, location);
-        const bool lower_gone = stop_mount(lower);
+        stop_mount_unit(lower);
+        const bool lower_gone = remove_mount_point(lower);
         (void)remove_unit_file(mount_unit_name(lower));
         return lower_gone && overlay_gone;
     }

@@ -13,6 +13,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "system/file.h"
+#include "system/subprocess.h"
 
 // Two seconds in all.
 static constexpr int kTries = 200;
@@ -72,11 +73,20 @@ static void kill_all_of(uid_t uid) {
         (void)wait_for_child(pid, &status);
 }
 
+// Of what hosts containers; killed, it would be a failed unit.
+static void end_session(uid_t uid) {
+    const std::string id = std::to_string(uid);
+    ErrorSlot trouble;
+    if (is_directory(std::string(paths::kUserRuntimes) + "/" + id))
+        run_command(trouble, "systemctl stop --quiet 'user@%s.service'", {id.c_str()});
+}
+
 void end_processes_of_user(uid_t uid, const std::string& name) {
     assert(uid != 0);
     int left = count_processes_of_user(uid);
     if (left == 0)
         return;
+    end_session(uid);
     for (int tries = 0; left > 0 && tries < kTries; tries++) {
         kill_all_of(uid);
         left = count_processes_of_user(uid);
