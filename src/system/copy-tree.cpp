@@ -137,11 +137,9 @@ class Copier {
         if (!target || (owner_ && fchown(target.get(), *owner_, static_cast<gid_t>(-1)) != 0) ||
             fchmod(target.get(), mode) != 0)
             return false;
-        const bool entered =
-            is_last
-                ? source_.enter_last(std::move(source), name) && target_.enter_last(std::move(target), name)
-                : source_.enter(std::move(source), name) && target_.enter(std::move(target), name);
-        return entered && copy_entries();
+        const auto enter = is_last ? &Descent::enter_last : &Descent::enter;
+        return (source_.*enter)(std::move(source), name) && (target_.*enter)(std::move(target), name) &&
+               copy_entries();
     }
 
     bool copy_entries() {

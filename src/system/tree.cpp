@@ -63,8 +63,8 @@ class Walker {
         add_to_path(name);
         if (!visit_({here.fd.get(), name, fd.get(), status, true, level, path_}))
             return ECANCELED;
-        const bool is_last = here.waiting.empty();
-        if (!(is_last ? way_.enter_last(std::move(fd), name) : way_.enter(std::move(fd), name)))
+        const auto enter = here.waiting.empty() ? &Descent::enter_last : &Descent::enter;
+        if (!(way_.*enter)(std::move(fd), name))
             return errno;
         way_.here().path_length = path_.size();
         return visit_entries();

@@ -68,8 +68,7 @@ TEST(EndProcessesOfUser, WarnsOfThoseThatStay) {
     int status = 0;
     kill(pid, SIGKILL);
     ASSERT_TRUE(wait_for_child(pid, &status));
-    EXPECT_EQ(log.text(),
-              "1 processes of user somebody could not be killed\n");
+    EXPECT_EQ(log.text(), "1 processes of user somebody could not be killed\n");
 }
 
 TEST(EndProcessesOfUserDeathTest, RefusesRoot) { EXPECT_DEATH(end_processes_of_user(0, "root"), "uid != 0"); }
