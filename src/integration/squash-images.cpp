@@ -230,7 +230,7 @@ struct Expected {
             return refuse(path, root.path(), "leads through a symbolic link", error);
         if (!S_ISREG(status.st_mode))
             return refuse_missing(path, root.path(), error);
-        return (status.st_nlink == 1 && status.st_uid == uid) ||
+        return (status.st_nlink == 1 && (status.st_uid == uid || status.st_uid == 0)) ||
                refuse(path, root.path(), "is not a file of the application alone", error);
     }
 };

@@ -112,6 +112,25 @@ def test_an_application_on_a_card_stays_there_while_the_card_is_out(with_card: D
     assert device.sh(f"findmnt -n -o FSTYPE {SAMPLE}").stdout == "overlay\n"
 
 
+def test_without_the_card_nothing_is_saved_and_nothing_saved_is_lost(with_card: Device, put_package: Put) -> None:
+    device = with_card
+    device.velkctl("install", put_package(device, app("Sample", runMode="once")), "sd_card1").check()
+    device.write(f"{SAMPLE}/localdata/note", "mine\n")
+    device.velkctl("backup", "Sample").check()
+    device.sh(f"systemctl stop {OVERLAY}").check()
+    eject(device)
+    failed = (10, "code 10: src/lifecycle/velkctl-backup.cpp: Failed backing up Sample: "
+              f"Its files at {PREPARED} cannot be reached\n")  # fmt: skip
+    units = tree(device, UNITS)
+    new = put_package(device, app("Sample", runMode="once", version="2.0.0"))
+    for command in (("backup", "Sample"), ("install", new), ("install", new, "sd_card1")):
+        assert velkctl(device, *command) == failed
+        assert (device.read(f"{BACKUP}/localdata/note"), tree(device, UNITS), is_locked(device)) == ("mine\n", units, False)
+    device.sh(f"systemctl start var-spool-storage-SD_DISK.mount && systemctl start {OVERLAY}").check()
+    device.velkctl("install", new, "sd_card1").check()
+    assert device.read(f"{SAMPLE}/localdata/note") == "mine\n"
+
+
 @pytest.mark.parametrize("mounted", [False, True])
 def test_an_uninstallation_without_the_card_takes_all_units_away(
     with_card: Device, put_package: Put, mounted: bool
