@@ -285,8 +285,8 @@ bool check_room(const std::string& app, const StoreLocation& location, uint64_t 
         available += used_by(installed.home());  // goes before the new version comes
     return available >= required ||
            fail(error, VELKCTL_ERROR_NO_SPACE,
-                "No room for the saved data of %s. Required: %lu bytes, available: %lu bytes.", app.c_str(),
-                required, available);
+                "No room for the saved data of %s. Required: %ju bytes, available: %ju bytes.", app.c_str(),
+                uintmax_t{required}, uintmax_t{available});
 }
 
 }  // namespace
