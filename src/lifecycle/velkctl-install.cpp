@@ -54,9 +54,12 @@ bool back_up_installed(const std::string& app, VelkctlError** error) {
 
 /** Whether the installed version runs as the same user as the new one, so that the user can be kept. */
 bool keeps_user(const Installation& installation) {
-    const std::string files = find_application(installation.app()).packed_files();
+    // What the root's link leads to, whether or not something is mounted in its place just now.
+    const Application stored = find_application(installation.app());
+    const bool is_linked = stored.location && stored.location->subdir;
     ErrorSlot unreadable;
-    const JsonPtr manifest = files.empty() ? nullptr : load_manifest(files, unreadable);
+    const JsonPtr manifest = load_manifest(
+        is_linked ? location_link_target(stored.name, stored.location) : stored.directory(), unreadable);
     bool is_dynamic = false;
     const std::optional<std::string> installed =
         manifest ? get_manifest_app_user(installation.app(), manifest.get(), &is_dynamic, unreadable)
