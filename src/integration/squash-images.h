@@ -50,8 +50,8 @@ void fix_squash_images_in_package(const json_t* manifest, const std::string& app
 
 /**
  * Fix the images and their mount points, and look whether they are what may be mounted: no link on the way,
- * and each file the application's own or root's, under no other name. The application's directory must stand in its
- * place.
+ * and each file the application's own or root's, under no other name. The application's directory must stand
+ * in its place.
  *
  * @param uid    the application's user, who owns its files
  * @param error  code 29 for what may not be mounted, code 10 for what cannot be fixed; what was fixed by this
